@@ -1,0 +1,163 @@
+#include "posix/PosixImpl.hpp"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <stdexcept>
+
+#include "core/Report.hpp"
+
+namespace agent::spf::sharedmemory {
+
+SharedMemory::PosixImpl::PosixImpl(const std::string& name, unsigned long size,
+                                   const std::string& trustee)
+    : Impl(name, size) {
+    open(createOrFind(), trustee);
+}
+
+SharedMemory::PosixImpl::PosixImpl(const std::string& name, unsigned long size, bool create,
+                                   const std::string& trustee)
+    : Impl(name, size, create) {
+    open(create ? this->create() : find(), trustee);
+}
+
+SharedMemory::PosixImpl::~PosixImpl() { destruct(); }
+
+void SharedMemory::PosixImpl::open(int opened, const std::string& requestedTrustee) {
+    handle = opened;
+    try {
+        trustee = setTrustee(requestedTrustee);
+        pointer = attach();
+    } catch (...) {
+        // The failures of setTrustee() and attach() give the object up themselves; what is
+        // left here (a finder's trustee query throwing, an allocation failure) must not leave
+        // an open descriptor or a creator's new object behind either.
+        abandon();
+        throw;
+    }
+}
+
+int SharedMemory::PosixImpl::create() {
+    const int descriptor = ::shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL, S_IRWXU);
+    if (descriptor != -1) {
+        return descriptor;
+    }
+    if (errno == EEXIST) {
+        return -1;
+    }
+    const int error = errno;
+    report<std::runtime_error>(
+        "SystemError:SharedMemory:create:shm_open:  name=<" + name + ">, trustee=<" + trustee +
+            ">, error=" + errorNumber(error),
+        "create(): Failed to create the segment: <", name, ">. (Error ", error, ")");
+}
+
+int SharedMemory::PosixImpl::find() {
+    const int descriptor = ::shm_open(name.c_str(), O_RDWR, S_IRWXU);
+    if (descriptor != -1) {
+        return descriptor;
+    }
+    if (errno == ENOENT) {
+        return -1;
+    }
+    const int error = errno;
+    report<std::runtime_error>([&] { return describeOpenFailure(error); },
+                               "find(): Failed to open the existing segment: <", name,
+                               "> with trustee <", trustee, ">. (Error ", error, ")");
+}
+
+void* SharedMemory::PosixImpl::attach() {
+    if (handle == -1) {
+        return nullptr;
+    }
+    if (!isTruncated()) {
+        sizeEmptyObject();
+    }
+    void* address = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, handle, 0);
+    if (address != MAP_FAILED) {
+        return address;
+    }
+    abandon();
+    report<std::runtime_error>(
+        [&] { return "SystemError:SharedMemory:attach:mmap" + name + ":error=" + errorNumber(errno); },
+        "attach(): Failed to map the segment: <", name, ">. (Error ", errno, ")");
+}
+
+void SharedMemory::PosixImpl::sizeEmptyObject() {
+    // The size check and the ftruncate must be one step among processes: otherwise a process
+    // that saw the object empty can shrink it under another that has sized and mapped it since.
+    // The lock belongs to this open file description, so closing the descriptor on a failure
+    // path releases it. If it cannot be taken, sizing goes on unserialised as it would without.
+    const int savedErrno = errno;
+    bool locked;
+    while (!(locked = ::flock(handle, LOCK_EX) == 0) && errno == EINTR) {
+    }
+    errno = savedErrno;
+
+    if (isTruncated() || (::ftruncate(handle, static_cast<off_t>(size)) == 0 && isTruncated())) {
+        if (locked) {
+            ::flock(handle, LOCK_UN);
+        }
+        return;
+    }
+    abandon();
+    report<std::runtime_error>(
+        [&] { return "SystemError:SharedMemory:attach:ftruncate" + name + ":error=" + errorNumber(errno); },
+        "attach(): Failed to truncate the segment: <", name, ">. (Error ", errno, ")");
+}
+
+bool SharedMemory::PosixImpl::isTruncated() {
+    struct stat status;
+    if (::fstat(handle, &status) == -1) {
+        abandon();
+        report<std::runtime_error>(
+            [&] { return "SystemError:SharedMemory:attach:fstat" + name + ":error=" + errorNumber(errno); },
+            "isTruncated(): Failed to stat the segment: <", name, ">. (Error ", errno, ")");
+    }
+    if (status.st_size == 0) {
+        return false;
+    }
+    if (static_cast<std::uint64_t>(status.st_size) >= static_cast<std::uint64_t>(size)) {
+        return true;
+    }
+    abandon();
+    report<std::runtime_error>(
+        [&] { return "SystemError:SharedMemory:attach:st_size" + name + ":error=" + errorNumber(errno); },
+        "isTruncated(): Inconsistent shared memory size: <", name, ">. (Error", errno, ")");
+}
+
+void SharedMemory::PosixImpl::detach() {
+    if (pointer != nullptr && ::munmap(pointer, size) == -1) {
+        writeRecord("detach(): Failed to unmap/munmap the segment: <", name, ">. (Error ", errno, ")");
+    }
+    pointer = nullptr;
+    // The number stays in `handle` so that removeAndClose() still knows a segment was held.
+    if (handle != -1 && ::close(handle) == -1) {
+        writeRecord("detach(): Failed to detach/close the segment: <", name, ">. (Error ", errno, ")");
+    }
+}
+
+void SharedMemory::PosixImpl::removeAndClose() {
+    if (markedForDeletion && handle != -1 && ::shm_unlink(name.c_str()) == -1) {
+        writeRecord("removeAndClose(): Failed to remove/unlink the segment: <", name, ">. (Error ",
+                    errno, ")");
+    }
+    handle = -1;
+}
+
+void SharedMemory::PosixImpl::abandon() noexcept {
+    const int descriptor = handle;
+    removeAndClose();
+    if (descriptor != -1) {
+        const int savedErrno = errno;
+        ::close(descriptor);
+        errno = savedErrno;
+    }
+}
+
+}  // namespace agent::spf::sharedmemory

@@ -1,0 +1,110 @@
+#include "sysv/SysVImpl.hpp"
+
+#include <sys/ipc.h>
+#include <sys/shm.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <stdexcept>
+
+#include "core/Report.hpp"
+#include "handle/SegmentName.hpp"
+
+namespace agent::spf::sharedmemory {
+
+key_t segmentKey(const std::string& name) noexcept {
+    // The low 32 bits of the name hash, as they are. A name whose bits come out as 0 yields
+    // IPC_PRIVATE, and with it a new private segment on every shmget, find() included: a
+    // remapped key would no longer be the one every other process derives, so it stays.
+    return static_cast<key_t>(static_cast<std::uint32_t>(hashString(name)));
+}
+
+SharedMemory::SysVImpl::SysVImpl(const std::string& name, unsigned long size,
+                                 const std::string& trustee)
+    : Impl(name, size) {
+    open(createOrFind(), trustee);
+}
+
+SharedMemory::SysVImpl::SysVImpl(const std::string& name, unsigned long size, bool create,
+                                 const std::string& trustee)
+    : Impl(name, size, create) {
+    open(create ? this->create() : find(), trustee);
+}
+
+SharedMemory::SysVImpl::~SysVImpl() { destruct(); }
+
+void SharedMemory::SysVImpl::open(int opened, const std::string& requestedTrustee) {
+    handle = opened;
+    try {
+        trustee = setTrustee(requestedTrustee);
+        pointer = attach();
+    } catch (...) {
+        // setTrustee() and attach() give the segment up on their own failures; this covers what
+        // passes through them (a finder's trustee query, an allocation failure), so that a
+        // creator's new segment never outlives the failed construction.
+        removeAndClose();
+        throw;
+    }
+}
+
+int SharedMemory::SysVImpl::create() {
+    const int id = ::shmget(segmentKey(name), size, IPC_CREAT | IPC_EXCL | S_IRWXU);
+    if (id != -1) {
+        return id;
+    }
+    if (errno == EEXIST || errno == EINVAL) {
+        return -1;
+    }
+    const int error = errno;
+    report<std::runtime_error>(
+        "SystemError:SharedMemory:create:shmget" + name + ":error=" + errorNumber(error),
+        "create(): Failed to create the segment: <", name, ">. (Error ", error, ")");
+}
+
+int SharedMemory::SysVImpl::find() {
+    const int id = ::shmget(segmentKey(name), size, S_IRWXU);
+    if (id != -1) {
+        return id;
+    }
+    if (errno == ENOENT) {
+        return -1;
+    }
+    const int error = errno;
+    report<std::runtime_error>([&] { return describeOpenFailure(error); },
+                               "find(): Failed to open the existing segment: <", name,
+                               ">. (Error ", error, ")");
+}
+
+void* SharedMemory::SysVImpl::attach() {
+    if (handle == -1) {
+        return nullptr;
+    }
+    void* address = ::shmat(handle, nullptr, 0);
+    if (address != reinterpret_cast<void*>(-1)) {
+        return address;
+    }
+    report<std::runtime_error>(
+        [&] {
+            removeAndClose();
+            return "SystemError:SharedMemory:attach:shmat" + name + ":error=" + errorNumber(errno);
+        },
+        "attach(): Failed to attach the segment: <", name, ">. (Error ", errno, ")");
+}
+
+void SharedMemory::SysVImpl::detach() {
+    if (pointer != nullptr && ::shmdt(pointer) == -1) {
+        writeRecord("detach(): Failed to detach the segment: <", name, ">. (Error ", errno, ")");
+    }
+    pointer = nullptr;
+}
+
+void SharedMemory::SysVImpl::removeAndClose() {
+    if (markedForDeletion && handle != -1 && ::shmctl(handle, IPC_RMID, nullptr) == -1) {
+        writeRecord("removeAndClose(): Failed to remove/unlink the segment: <", name, ">. (Error ",
+                    errno, ")");
+    }
+    handle = -1;
+}
+
+}  // namespace agent::spf::sharedmemory

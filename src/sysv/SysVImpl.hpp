@@ -1,0 +1,38 @@
+// The System V back end: a segment found under a key hashed from its name.
+#ifndef SPF_SHAREDMEMORY_SYSV_SYSVIMPL_HPP
+#define SPF_SHAREDMEMORY_SYSV_SYSVIMPL_HPP
+
+#include <sys/types.h>
+
+#include <string>
+
+#include "core/Impl.hpp"
+
+namespace agent::spf::sharedmemory {
+
+class __attribute__((visibility("hidden"))) SharedMemory::SysVImpl final : public SharedMemory::Impl {
+public:
+    SysVImpl(const std::string& name, unsigned long size, const std::string& trustee);
+    SysVImpl(const std::string& name, unsigned long size, bool create, const std::string& trustee);
+    ~SysVImpl() override;
+
+    std::string getTrustee() const override;
+    std::string getOwner() const override;
+    int create() override;
+    int find() override;
+    std::string setTrustee(const std::string& trustee) override;
+    void* attach() override;
+    void detach() override;
+    void removeAndClose() override;
+
+private:
+    void open(int opened, const std::string& requestedTrustee);
+    std::string describeOpenFailure(int error) const;
+};
+
+// The System V key of a segment name (the whole name, its leading "/" included).
+key_t segmentKey(const std::string& name) noexcept;
+
+}  // namespace agent::spf::sharedmemory
+
+#endif
