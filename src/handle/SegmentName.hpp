@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <string>
 
+#include "agent/spf/sharedmemory/SharedMemory.hpp"
+
 namespace agent::spf::sharedmemory {
 
 // MurmurHash64A with seed 0xc70f6907 over `length` bytes at `data`.
@@ -19,9 +21,8 @@ inline std::uint64_t hashString(const std::string& text) noexcept {
 // The hash of `text` in lowercase hexadecimal without leading zeros; empty for an empty text.
 std::string hashToHexString(const std::string& text);
 
-// The segment name (without "/") for `name` and `trustee`: the hash of trustee + name + "t",
-// or, with an empty trustee, of getCurrentUserName() + name + "u".
-std::string deriveSegmentName(const std::string& name, const std::string& trustee);
+// deriveSegmentName() (public) hashes trustee + name + "t", or, with an empty trustee,
+// getCurrentUserName() + name + "u".
 
 }  // namespace agent::spf::sharedmemory
 

@@ -30,6 +30,13 @@ namespace agent::spf::sharedmemory {
 // e.g. "euid: 1000". Never throws except std::bad_alloc.
 SPF_SHAREDMEMORY_API std::string getCurrentUserName();
 
+// The segment name (without the leading "/") that SharedMemory::create, find and createOrFind
+// open for `name` and `trustee`: 1 to 16 lowercase hexadecimal digits, the same in every process
+// that passes the same name and trustee (with an empty trustee: the same effective user).
+// Exported for tools that must name a segment without opening it.
+SPF_SHAREDMEMORY_API std::string deriveSegmentName(const std::string& name,
+                                                   const std::string& trustee);
+
 // A move-only handle to one shared-memory segment.
 //
 // A handle is *holding* (it owns an open back-end object) or *empty* (moved from, or built

@@ -1,0 +1,164 @@
+// Every failure is one record on the channel, then an exception: whether or not the channel
+// lets the record through, from any thread, even during process exit.
+#include <gtest/gtest.h>
+
+#include <boost/log/core/core.hpp>
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "LogCapture.hpp"
+#include "Processes.hpp"
+#include "core/Report.hpp"
+
+namespace sm = agent::spf::sharedmemory;
+
+namespace {
+
+[[noreturn]] void failLikeAnOperation(int error) {
+    sm::report<std::runtime_error>("SystemError:SharedMemory:create:shmget/n:error=" + std::to_string(error),
+                                   "create(): Failed to create the segment: <", std::string("/n"),
+                                   ">. (Error ", error, ")");
+}
+
+std::string thrownText(int error) {
+    try {
+        failLikeAnOperation(error);
+    } catch (const std::runtime_error& failure) {
+        return failure.what();
+    }
+    return "nothing thrown";
+}
+
+TEST(Diagnostics, RecordIsThePiecesAtSeverity512OnTheChannel) {
+    spf_test::LogCapture log;
+    EXPECT_EQ(thrownText(28), "SystemError:SharedMemory:create:shmget/n:error=28");
+    EXPECT_EQ(thrownText(-3), "SystemError:SharedMemory:create:shmget/n:error=-3");
+    const auto records = log.records();
+    ASSERT_EQ(records.size(), 2u);
+    EXPECT_EQ(records[0].message, "create(): Failed to create the segment: </n>. (Error 28)");
+    EXPECT_EQ(records[1].message, "create(): Failed to create the segment: </n>. (Error -3)");
+    for (const auto& record : records) {
+        EXPECT_EQ(record.severity, 512);
+        EXPECT_EQ(record.channel, "agent::spf::sharedmemory");
+    }
+}
+
+TEST(Diagnostics, AClosedChannelWritesNothingButTheFailureIsThrownAlike) {
+    spf_test::LogCapture log;
+    sm::DiagnosticLogger& logger = sm::getLogger();
+    logger.disableLevels(512);
+    const std::string levelOff = thrownText(13);
+    logger.enableLevels(512);
+    boost::log::core::get()->set_logging_enabled(false);
+    const std::string coreOff = thrownText(13);
+    boost::log::core::get()->set_logging_enabled(true);
+
+    EXPECT_TRUE(log.records().empty());
+    EXPECT_EQ(levelOff, "SystemError:SharedMemory:create:shmget/n:error=13");
+    EXPECT_EQ(coreOff, levelOff);
+    EXPECT_EQ(thrownText(13), levelOff);
+    EXPECT_EQ(log.records().size(), 1u);
+}
+
+TEST(Diagnostics, TheTextIsBuiltAfterTheRecordAndSeesTheSameErrno) {
+    spf_test::LogCapture log;
+    errno = 28;
+    try {
+        sm::report<std::invalid_argument>(
+            [&] { return std::to_string(log.records().size()) + " " + std::to_string(errno); },
+            "x(): ", errno);
+    } catch (const std::invalid_argument& failure) {
+        EXPECT_STREQ(failure.what(), "1 28");
+    }
+}
+
+TEST(Diagnostics, ConcurrentFailuresEachWriteOneWholeRecord) {
+    spf_test::LogCapture log;
+    constexpr int kThreads = 4;
+    constexpr int kEach = 200;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([t] {
+            for (int i = 0; i < kEach; ++i) {
+                try {
+                    failLikeAnOperation(t * 1000 + i);
+                } catch (const std::runtime_error&) {
+                }
+            }
+        });
+    }
+    for (auto& thread : threads) thread.join();
+
+    const auto records = log.records();
+    ASSERT_EQ(records.size(), static_cast<std::size_t>(kThreads * kEach));
+    std::set<std::string> distinct;
+    for (const auto& record : records) {
+        EXPECT_EQ(record.severity, 512);
+        EXPECT_EQ(record.channel, "agent::spf::sharedmemory");
+        distinct.insert(record.message);
+    }
+    EXPECT_EQ(distinct.size(), records.size()) << "records were lost or mixed";
+    EXPECT_EQ(distinct.count("create(): Failed to create the segment: </n>. (Error 3199)"), 1u);
+}
+
+TEST(Diagnostics, FirstUseFromManyThreadsBuildsOneLogger) {
+    const int code = spf_test::runInChild([] {
+        std::vector<std::thread> threads;
+        std::vector<sm::DiagnosticLogger*> seen(8);
+        for (int t = 0; t < 8; ++t) {
+            threads.emplace_back([&, t] { seen[t] = &sm::getLogger(); });
+        }
+        for (auto& thread : threads) thread.join();
+        return std::set<sm::DiagnosticLogger*>(seen.begin(), seen.end()).size() == 1 ? 0 : 1;
+    });
+    EXPECT_EQ(code, 0);
+}
+
+// A handle with static storage duration may fail in its teardown after the logger is gone. The
+// logger must be built after that handle for it to be destroyed first, which only a fresh process
+// guarantees: the test re-runs this binary, and this probe takes over before main().
+struct LateFailureProbe {
+    LateFailureProbe() {
+        const char* fd = std::getenv("SPF_LATE_FAILURE_PROBE");
+        if (fd == nullptr) return;
+        struct LateFailure {
+            int out;
+            ~LateFailure() {
+                sm::writeRecord("detach(): Failed to detach the segment: </late>. (Error ", 22, ")");
+                const char* verdict = sm::loggerAvailable() ? "alive" : "dropped";
+                (void)!::write(out, verdict, std::strlen(verdict));
+            }
+        };
+        static LateFailure late{std::atoi(fd)};
+        sm::writeRecord("the first record builds the logger");
+        std::exit(0);
+    }
+} lateFailureProbe;
+
+TEST(Diagnostics, RecordsAfterTheLoggerIsDestroyedAreDropped) {
+    int fds[2];
+    ASSERT_EQ(::pipe(fds), 0);
+    const int code = spf_test::runInChild([&] {
+        ::close(fds[0]);
+        ::setenv("SPF_LATE_FAILURE_PROBE", std::to_string(fds[1]).c_str(), 1);
+        ::execl("/proc/self/exe", "diagnostics_test", static_cast<char*>(nullptr));
+        return 99;
+    });
+    ::close(fds[1]);
+    char verdict[16] = {};
+    EXPECT_GT(::read(fds[0], verdict, sizeof verdict - 1), 0);
+    ::close(fds[0]);
+    EXPECT_EQ(code, 0);
+    EXPECT_STREQ(verdict, "dropped");
+}
+
+}  // namespace
