@@ -16,6 +16,20 @@
 
 namespace agent::spf::sharedmemory {
 
+// A piece that is errno itself stands for the value errno had when the record was asked for:
+// the logging core may change errno before the pieces are formatted (an attribute such as a
+// local time stamp that reads the time zone, a filter, a sink), and the record must name the
+// failed call's number, not that.
+template <typename Piece>
+const Piece& frozenPiece(const Piece& piece, const int& errnoOnEntry) noexcept {
+    if constexpr (std::is_same_v<Piece, int>) {
+        if (&piece == &errno) {
+            return errnoOnEntry;
+        }
+    }
+    return piece;
+}
+
 // Writes one record made of `pieces` (literal texts, strings, error numbers in decimal, nothing
 // between them) at the library's severity, when the logger's level set, the core and its
 // filters admit it. Never throws: a record that cannot be written is lost, not turned into a
@@ -32,7 +46,7 @@ void writeRecord(const Pieces&... pieces) noexcept {
                 if (record) {
                     {
                         boost::log::record_ostream stream(record);
-                        (stream << ... << pieces);
+                        (stream << ... << frozenPiece(pieces, savedErrno));
                         stream.flush();
                     }
                     logger.pushRecord(std::move(record));

@@ -75,7 +75,9 @@ void* SharedMemory::PosixImpl::attach() {
     if (handle == -1) {
         return nullptr;
     }
-    if (!isTruncated()) {
+    // A creator's object is all but certainly still empty: a look at its size before the lock
+    // would only be repeated under it, so a creator looks only under the lock.
+    if (creator || !isTruncated()) {
         sizeEmptyObject();
     }
     void* address = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, handle, 0);

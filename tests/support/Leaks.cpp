@@ -65,6 +65,19 @@ int mappingCount() {
     return count;
 }
 
+int segmentMappingCount() {
+    std::ifstream maps("/proc/self/maps");
+    std::string line;
+    int count = 0;
+    while (std::getline(maps, line)) {
+        if (line.find(" /dev/shm/") != std::string::npos ||
+            line.find(" /SYSV") != std::string::npos) {
+            ++count;
+        }
+    }
+    return count;
+}
+
 std::set<std::string> posixObjects() {
     std::set<std::string> names;
     if (DIR* directory = ::opendir("/dev/shm")) {

@@ -10,6 +10,9 @@ namespace spf_test {
 
 int openDescriptorCount();
 int mappingCount();
+// Mappings of POSIX objects and System V segments only: unlike mappingCount(), not moved by
+// an allocator (a sanitizer's above all) that maps more of its own memory on the way.
+int segmentMappingCount();
 std::set<std::string> posixObjects();   // entries of /dev/shm
 std::set<int> sysvSegments();           // identifiers in /proc/sysvipc/shm
 bool posixObjectExists(const std::string& segmentName);  // "/x" or "x"
