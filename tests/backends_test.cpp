@@ -22,6 +22,7 @@
 #include "Leaks.hpp"
 #include "LogCapture.hpp"
 #include "Names.hpp"
+#include "Thrown.hpp"
 #include "Processes.hpp"
 #include "posix/PosixImpl.hpp"
 #include "sysv/SysVImpl.hpp"
@@ -30,23 +31,14 @@ namespace sm = agent::spf::sharedmemory;
 
 namespace {
 
+using spf_test::thrownText;
+
 using Impl = sm::SharedMemory::Impl;
 using Records = std::vector<std::string>;
 
 constexpr unsigned long kSize = 4096;
 constexpr uid_t kNoSuchUser = 4242;
 constexpr gid_t kNoSuchGroup = 4343;
-
-// The text of the exception `body` throws, which must be exactly of type `Exception`.
-template <typename Exception, typename Body>
-std::string thrownText(Body body) {
-    try {
-        body();
-    } catch (const Exception& error) {
-        return typeid(error) == typeid(Exception) ? error.what() : "wrong type: " + std::string(error.what());
-    }
-    return "nothing thrown";
-}
 
 // Another process hands over through a flag byte in the segment itself.
 bool awaitByte(const char* flag, char value) {

@@ -18,6 +18,7 @@
 #include "Leaks.hpp"
 #include "LogCapture.hpp"
 #include "Names.hpp"
+#include "Thrown.hpp"
 #include "Processes.hpp"
 #include "Seam.hpp"
 #include "posix/PosixImpl.hpp"
@@ -26,19 +27,11 @@ namespace sm = agent::spf::sharedmemory;
 
 namespace {
 
+using spf_test::thrownText;
+
 using Posix = sm::SharedMemory::PosixImpl;
 using Records = std::vector<std::string>;
 using spf_test::Call;
-
-template <typename Exception, typename Body>
-std::string thrownText(Body body) {
-    try {
-        body();
-    } catch (const Exception& error) {
-        return typeid(error) == typeid(Exception) ? error.what() : "wrong type: " + std::string(error.what());
-    }
-    return "nothing thrown";
-}
 
 #define REQUIRE_ROOT() \
     if (!spf_test::isRoot()) GTEST_SKIP() << "needs root to hand segments to group staff"

@@ -12,6 +12,7 @@
 #include "Leaks.hpp"
 #include "LogCapture.hpp"
 #include "Names.hpp"
+#include "Thrown.hpp"
 #include "Processes.hpp"
 #include "agent/spf/sharedmemory/SharedMemory.hpp"
 #include "sysv/SysVImpl.hpp"
@@ -20,6 +21,8 @@ namespace sm = agent::spf::sharedmemory;
 using sm::SharedMemory;
 
 namespace {
+
+using spf_test::thrownText;
 
 constexpr unsigned long kSize = 4096;
 
@@ -33,17 +36,6 @@ std::string onlyRecord(const spf_test::LogCapture& capture) {
     EXPECT_EQ(records[0].severity, 512);
     EXPECT_EQ(records[0].channel, "agent::spf::sharedmemory");
     return records[0].message;
-}
-
-template <typename Exception, typename Body>
-std::string thrownText(Body body) {
-    try {
-        body();
-    } catch (const Exception& error) {
-        return error.what();
-    }
-    ADD_FAILURE() << "nothing thrown";
-    return std::string();
 }
 
 TEST(SysV, KeyIsTheLow32BitsOfTheHashOfTheWholeNameWithItsSlash) {
