@@ -16,27 +16,12 @@
 
 namespace agent::spf::sharedmemory {
 
-// A piece that is errno itself stands for the value errno had when the record was asked for:
-// the logging core may change errno before the pieces are formatted (an attribute such as a
-// local time stamp that reads the time zone, a filter, a sink), and the record must name the
-// failed call's number, not that.
+// A piece as the record keeps it: numbers by value, texts by reference.
 template <typename Piece>
-const Piece& frozenPiece(const Piece& piece, const int& errnoOnEntry) noexcept {
-    if constexpr (std::is_same_v<Piece, int>) {
-        if (&piece == &errno) {
-            return errnoOnEntry;
-        }
-    }
-    return piece;
-}
+using KeptPiece = std::conditional_t<std::is_arithmetic_v<Piece>, Piece, const Piece&>;
 
-// Writes one record made of `pieces` (literal texts, strings, error numbers in decimal, nothing
-// between them) at the library's severity, when the logger's level set, the core and its
-// filters admit it. Never throws: a record that cannot be written is lost, not turned into a
-// second failure. Leaves errno as it found it, so that a text built afterwards reads the same
-// number.
 template <typename... Pieces>
-void writeRecord(const Pieces&... pieces) noexcept {
+void writeKeptPieces(KeptPiece<Pieces>... pieces) noexcept {
     const int savedErrno = errno;
     try {
         if (loggerAvailable()) {
@@ -46,7 +31,7 @@ void writeRecord(const Pieces&... pieces) noexcept {
                 if (record) {
                     {
                         boost::log::record_ostream stream(record);
-                        (stream << ... << frozenPiece(pieces, savedErrno));
+                        (stream << ... << pieces);
                         stream.flush();
                     }
                     logger.pushRecord(std::move(record));
@@ -56,6 +41,19 @@ void writeRecord(const Pieces&... pieces) noexcept {
     } catch (...) {
     }
     errno = savedErrno;
+}
+
+// Writes one record made of `pieces` (literal texts, strings, error numbers in decimal, nothing
+// between them) at the library's severity, when the logger's level set, the core and its
+// filters admit it. Never throws: a record that cannot be written is lost, not turned into a
+// second failure. Leaves errno as it found it, so that a text built afterwards reads the same
+// number.
+// Numbers are copied on entry: a site passes errno itself, and the logging core may change errno
+// (a time-stamp attribute reading the time zone, a filter, a sink) before the pieces are
+// formatted, yet the record must name the failed call's number.
+template <typename... Pieces>
+void writeRecord(const Pieces&... pieces) noexcept {
+    writeKeptPieces<Pieces...>(pieces...);
 }
 
 // Builds the exception text when it is a callable, so that anything it reads (errno after a
