@@ -55,16 +55,6 @@ int openDescriptorCount() {
     return count;
 }
 
-int mappingCount() {
-    std::ifstream maps("/proc/self/maps");
-    std::string line;
-    int count = 0;
-    while (std::getline(maps, line)) {
-        ++count;
-    }
-    return count;
-}
-
 int segmentMappingCount() {
     std::ifstream maps("/proc/self/maps");
     std::string line;

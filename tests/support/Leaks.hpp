@@ -9,9 +9,8 @@
 namespace spf_test {
 
 int openDescriptorCount();
-int mappingCount();
-// Mappings of POSIX objects and System V segments only: unlike mappingCount(), not moved by
-// an allocator (a sanitizer's above all) that maps more of its own memory on the way.
+// Mappings of POSIX objects and System V segments only: a count of all mappings would move
+// whenever an allocator (a sanitizer's above all) maps more of its own memory on the way.
 int segmentMappingCount();
 std::set<std::string> posixObjects();   // entries of /dev/shm
 std::set<int> sysvSegments();           // identifiers in /proc/sysvipc/shm

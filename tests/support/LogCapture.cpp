@@ -30,24 +30,8 @@ public:
     std::vector<CapturedRecord> records;
 };
 
-namespace {
-
-// Forwards to the capture's backend; Boost.Log wants its own shared_ptr flavour.
-class Relay : public boost::log::sinks::basic_sink_backend<boost::log::sinks::synchronized_feeding> {
-public:
-    explicit Relay(std::shared_ptr<LogCapture::Backend> target) : target_(std::move(target)) {}
-    void consume(const boost::log::record_view& record) { target_->consume(record); }
-
-private:
-    std::shared_ptr<LogCapture::Backend> target_;
-};
-
-}  // namespace
-
-LogCapture::LogCapture() : backend_(std::make_shared<Backend>()) {
-    auto sink = boost::make_shared<boost::log::sinks::synchronous_sink<Relay>>(
-        boost::make_shared<Relay>(backend_));
-    sink_ = sink;
+LogCapture::LogCapture() : backend_(boost::make_shared<Backend>()) {
+    sink_ = boost::make_shared<boost::log::sinks::synchronous_sink<Backend>>(backend_);
     boost::log::core::get()->add_sink(sink_);
 }
 

@@ -2,8 +2,8 @@
 #pragma once
 
 #include <boost/log/sinks/sync_frontend.hpp>
+#include <boost/shared_ptr.hpp>
 
-#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -30,7 +30,7 @@ public:
     class Backend;
 
 private:
-    std::shared_ptr<Backend> backend_;
+    boost::shared_ptr<Backend> backend_;
     boost::shared_ptr<boost::log::sinks::sink> sink_;
 };
 
