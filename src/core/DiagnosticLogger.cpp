@@ -38,10 +38,6 @@ void DiagnosticLogger::disableLevels(std::uint32_t bits) noexcept {
     enabled_.fetch_and(~bits, std::memory_order_relaxed);
 }
 
-std::uint32_t DiagnosticLogger::enabledLevels() const noexcept {
-    return enabled_.load(std::memory_order_relaxed);
-}
-
 boost::log::record DiagnosticLogger::openRecord(int level) {
     // The source is the single-threaded variant: this lock is what makes sharing it safe. The
     // severity itself lands in a per-thread slot, so concurrent records keep their own level.

@@ -33,7 +33,6 @@ public:
     bool isLevelEnabled(int level) const noexcept;
     void enableLevels(std::uint32_t bits) noexcept;
     void disableLevels(std::uint32_t bits) noexcept;
-    std::uint32_t enabledLevels() const noexcept;
 
     const boost::log::core_ptr& core() const noexcept { return core_; }
 
