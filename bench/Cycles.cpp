@@ -198,31 +198,20 @@ bool sysvTrustee(int id, const std::string& group, bool creator) {
     return ::shmctl(id, IPC_SET, &status) == 0;
 }
 
-bool rawSysVCreator(key_t key, const std::string& group) {
-    const int id = ::shmget(key, kSize, IPC_CREAT | IPC_EXCL | S_IRWXU);
+// A creator makes and removes the segment; a finder opens the one kept alive for the run.
+bool rawSysVCycle(key_t key, const std::string& group, bool create) {
+    const int id = ::shmget(key, kSize, create ? IPC_CREAT | IPC_EXCL | S_IRWXU : S_IRWXU);
     if (id == -1) {
         return false;
     }
     void* address =
-        sysvTrustee(id, group, true) ? ::shmat(id, nullptr, 0) : reinterpret_cast<void*>(-1);
+        sysvTrustee(id, group, create) ? ::shmat(id, nullptr, 0) : reinterpret_cast<void*>(-1);
     const bool ok = address != reinterpret_cast<void*>(-1);
     if (ok) {
         ::shmdt(address);
     }
-    ::shmctl(id, IPC_RMID, nullptr);
-    return ok;
-}
-
-bool rawSysVFinder(key_t key, const std::string& group) {
-    const int id = ::shmget(key, kSize, S_IRWXU);
-    if (id == -1) {
-        return false;
-    }
-    void* address =
-        sysvTrustee(id, group, false) ? ::shmat(id, nullptr, 0) : reinterpret_cast<void*>(-1);
-    const bool ok = address != reinterpret_cast<void*>(-1);
-    if (ok) {
-        ::shmdt(address);
+    if (create) {
+        ::shmctl(id, IPC_RMID, nullptr);
     }
     return ok;
 }
@@ -273,7 +262,7 @@ void addCycles(SharedMemory::ImplementationSpecifications spec, const std::strin
     } else {
         const key_t raw = keyOf("/" + benchName(tag + "rc"));
         cases.push_back(
-            {family + "creator  raw", nullptr, [=] { return rawSysVCreator(raw, group); }});
+            {family + "creator  raw", nullptr, [=] { return rawSysVCycle(raw, group, true); }});
     }
     const std::string creator = benchName(tag + "c");
     cases.push_back({family + "creator  library", nullptr, [=] {
@@ -312,7 +301,7 @@ void addCycles(SharedMemory::ImplementationSpecifications spec, const std::strin
         const std::string raw = benchName(tag + "rf");
         cases.push_back({family + "finder   raw",
                          [=] { return keep(SharedMemory(raw, kSize, true, group, spec)); },
-                         [=, key = keyOf("/" + raw)] { return rawSysVFinder(key, group); }});
+                         [=, key = keyOf("/" + raw)] { return rawSysVCycle(key, group, false); }});
     }
     const std::string finder = benchName(tag + "f");
     cases.push_back({family + "finder   library",
