@@ -135,6 +135,18 @@ bool posixTrustee(int fd, const std::string& group, bool creator) {
 
 // `serialised` adds what the library does around sizing the new object: an exclusive flock
 // around the size check, the ftruncate and the second check.
+// The end of every raw POSIX cycle: map the object if all went well so far, unmap, close.
+bool mapUnmapAndClose(int fd, bool ok) {
+    void* address =
+        ok ? ::mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0) : MAP_FAILED;
+    ok = address != MAP_FAILED;
+    if (ok) {
+        ::munmap(address, kSize);
+    }
+    ::close(fd);
+    return ok;
+}
+
 bool rawPosixCreator(const std::string& name, const std::string& group, bool serialised) {
     const int fd = ::shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL, S_IRWXU);
     if (fd == -1) {
@@ -151,13 +163,7 @@ bool rawPosixCreator(const std::string& name, const std::string& group, bool ser
     if (serialised) {
         ::flock(fd, LOCK_UN);
     }
-    void* address =
-        ok ? ::mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0) : MAP_FAILED;
-    ok = address != MAP_FAILED;
-    if (ok) {
-        ::munmap(address, kSize);
-    }
-    ::close(fd);
+    ok = mapUnmapAndClose(fd, ok);
     ::shm_unlink(name.c_str());
     return ok;
 }
@@ -170,14 +176,7 @@ bool rawPosixFinder(const std::string& name, const std::string& group) {
     struct stat status;
     bool ok = posixTrustee(fd, group, false) && ::fstat(fd, &status) == 0 &&
               static_cast<unsigned long>(status.st_size) >= kSize;
-    void* address =
-        ok ? ::mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0) : MAP_FAILED;
-    ok = address != MAP_FAILED;
-    if (ok) {
-        ::munmap(address, kSize);
-    }
-    ::close(fd);
-    return ok;
+    return mapUnmapAndClose(fd, ok);
 }
 
 bool sysvTrustee(int id, const std::string& group, bool creator) {
@@ -470,22 +469,10 @@ int profile(const std::string& name, long cycles) {
 int main(int argc, char** argv) {
     std::string hashRows;
     std::string profiled;
-    long cycles = 1000;
-    std::vector<char*> arguments;
-    for (int i = 0; i < argc; ++i) {
-        if (std::strncmp(argv[i], "--hash-rows=", 12) == 0) {
-            hashRows = argv[i] + 12;
-        } else if (std::strncmp(argv[i], "--profile=", 10) == 0) {
-            profiled = argv[i] + 10;
-        } else if (std::strncmp(argv[i], "--cycles=", 9) == 0) {
-            cycles = std::atol(argv[i] + 9);
-        } else {
-            arguments.push_back(argv[i]);
-        }
-    }
-    int count = static_cast<int>(arguments.size());
-    benchmark::Initialize(&count, arguments.data());
-    if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) {
+    std::string cycles = "1000";
+    if (!spf_bench::initialize(argc, argv, {{"--hash-rows=", &hashRows},
+                                            {"--profile=", &profiled},
+                                            {"--cycles=", &cycles}})) {
         return 2;
     }
 
@@ -496,7 +483,7 @@ int main(int argc, char** argv) {
     }
     addNameDerivation();
     if (!profiled.empty()) {
-        return profile(profiled, cycles);
+        return profile(profiled, std::atol(cycles.c_str()));
     }
 
     std::map<std::string, double> allocations;

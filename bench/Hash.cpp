@@ -78,17 +78,7 @@ bool hashesAgree() {
 
 int main(int argc, char** argv) {
     std::string rowsFile;
-    std::vector<char*> arguments;
-    for (int i = 0; i < argc; ++i) {
-        if (std::strncmp(argv[i], "--rows=", 7) == 0) {
-            rowsFile = argv[i] + 7;
-        } else {
-            arguments.push_back(argv[i]);
-        }
-    }
-    int count = static_cast<int>(arguments.size());
-    benchmark::Initialize(&count, arguments.data());
-    if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) {
+    if (!spf_bench::initialize(argc, argv, {{"--rows=", &rowsFile}})) {
         return 2;
     }
     if (!hashesAgree()) {

@@ -147,4 +147,24 @@ void printTable(const std::vector<Row>& rows, std::ostream& out) {
     }
 }
 
+bool initialize(int argc, char** argv, const std::map<std::string, std::string*>& own) {
+    std::vector<char*> arguments;
+    for (int i = 0; i < argc; ++i) {
+        const std::string argument = argv[i];
+        bool taken = false;
+        for (const auto& [key, value] : own) {
+            if (argument.compare(0, key.size(), key) == 0) {
+                *value = argument.substr(key.size());
+                taken = true;
+            }
+        }
+        if (!taken) {
+            arguments.push_back(argv[i]);
+        }
+    }
+    int count = static_cast<int>(arguments.size());
+    benchmark::Initialize(&count, arguments.data());
+    return !benchmark::ReportUnrecognizedArguments(count, arguments.data());
+}
+
 }  // namespace spf_bench

@@ -46,6 +46,10 @@ std::vector<Row> readRows(std::istream& in);
 
 void printTable(const std::vector<Row>& rows, std::ostream& out);
 
+// Takes this program's own "--key=value" options (each `key` must end in "=") into their
+// strings and hands the rest to Google Benchmark. False when an argument is not understood.
+bool initialize(int argc, char** argv, const std::map<std::string, std::string*>& own);
+
 }  // namespace spf_bench
 
 #endif
