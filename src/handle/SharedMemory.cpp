@@ -85,4 +85,6 @@ SharedMemory SharedMemory::createOrFind(const std::string& name, unsigned long s
     return SharedMemory(deriveSegmentName(name, trustee), size, trustee, spec);
 }
 
+std::int32_t deriveSystemVKey(const std::string& name) { return segmentKey("/" + name); }
+
 }  // namespace agent::spf::sharedmemory

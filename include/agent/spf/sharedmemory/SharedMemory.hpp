@@ -37,6 +37,11 @@ SPF_SHAREDMEMORY_API std::string getCurrentUserName();
 SPF_SHAREDMEMORY_API std::string deriveSegmentName(const std::string& name,
                                                    const std::string& trustee);
 
+// The System V key of the segment "/" + `name` (a name as the System V constructors take it,
+// e.g. one from deriveSegmentName()): the key every process opens that segment under.
+// Exported for tools that look a segment up in the system's table without opening it.
+SPF_SHAREDMEMORY_API std::int32_t deriveSystemVKey(const std::string& name);
+
 // A move-only handle to one shared-memory segment.
 //
 // A handle is *holding* (it owns an open back-end object) or *empty* (moved from, or built
