@@ -1,20 +1,17 @@
 #!/usr/bin/env bash
-# End-to-end run of the operator tool: every subcommand, both back ends, and the exit codes and
-# messages of failures. Usage: tool_test.sh PATH/TO/spf-shm
+# Operator scenarios for spf-shm against the real kernel. Usage: tool_test.sh PATH/TO/spf-shm
 set -uo pipefail
 tool=$1
 if [ "$(id -u)" -ne 0 ]; then
-    echo "needs root to hand segments to groups staff and users"; exit 77
+    echo "needs root to look as user nobody and to remove other users' segments"; exit 77
 fi
-name=spft-tool-$$
-failures=0
-out=$(mktemp) err=$(mktemp)
+n=spft-tool-$$
+failures=0 out=$(mktemp) err=$(mktemp) held=$(mktemp)
 cleanup() {
-    rm -f "/dev/shm/$name" "/dev/shm/$name-held" "$out" "$err"
-    "$tool" remove --sysv --derive --trustee users "$name" >/dev/null 2>&1 || true
+    for s in keep dead held; do "$tool" remove --sysv "$n-$s" >/dev/null 2>&1; done
+    rm -rf /dev/shm/"$n"-* "$out" "$err" "$held"
 }
 trap cleanup EXIT
-
 fail() { echo "FAIL: $*"; echo "  stdout: $(cat "$out")"; echo "  stderr: $(cat "$err")"; failures=$((failures + 1)); }
 # run EXPECTED_CODE ARGS...: runs the tool, keeps its stdout and stderr, checks the exit code.
 run() {
@@ -22,61 +19,72 @@ run() {
     "$tool" "$@" >"$out" 2>"$err"; local code=$?
     [ "$code" -eq "$expected" ] || fail "spf-shm $* exited $code, expected $expected"
 }
-has() { grep -qxF -- "$2" "$1" || fail "expected the line <$2> in $1 output"; }
-stdout_has() { has "$out" "$1"; }
-stderr_has() { has "$err" "$1"; }
+has() { grep -qE -- "$2" "$1" || fail "no line matching <$2> in $(basename "$1")"; }
+lacks() { ! grep -qE -- "$2" "$1" || fail "a line matching <$2> in $(basename "$1")"; }
+key() { "$tool" show --sysv "$1" 2>/dev/null | sed -n 's/^key: //p'; }
 
-# Usage: --help succeeds, anything malformed exits 2 with the usage text on stderr.
-run 0 --help; grep -q '^usage: spf-shm' "$out" || fail "--help prints no usage"
-run 2; grep -q '^usage: spf-shm' "$err" || fail "no arguments print no usage"
-run 2 frobnicate; stderr_has "spf-shm: unknown command: frobnicate"
-run 2 create "$name"; stderr_has "spf-shm: wrong number of arguments for create"
-run 2 create "$name" 4k; stderr_has "spf-shm: bad SIZE: 4k"
-run 2 list --sysv; stderr_has "spf-shm: unknown option for list: --sysv"
-run 2 show --trustee staff "$name"
+# Strict usage: exit 2 with the usage line; "--" ends the options.
+for args in "" frobnicate "list -x" "list --sysv --posix" "show" "show a b" "create $n 4k" \
+    "create a/b 4096" "show --trustee staff x" "show --key 0x123456789 " "prune --older-than 5q" \
+    "name --sysv" "create $n"; do
+    run 2 $args; has "$err" "^usage: spf-shm COMMAND"
+done
+run 0 --help; has "$out" "^  prune "
+run 1 show -- -x; has "$err" "no POSIX object /-x"
+run 0 name seg grp; has "$out" "^a758e1b41c007852$"
+run 0 name --sysv seg grp; has "$out" "^0x[0-9a-f]{8}$"
 
-# Names are the library's: the derived names every process computes.
-run 0 name seg grp; stdout_has "a758e1b41c007852"
-run 0 name buffer staff; stdout_has "7632a976b2830bcc"
+# Looking changes nothing, needs no write access, and lists regular files only.
+: > "/dev/shm/$n-empty"; chmod 600 "/dev/shm/$n-empty"
+mkdir "/dev/shm/$n-dir"; ln -s "$n-empty" "/dev/shm/$n-link"
+run 0 show "$n-empty"; has "$out" "^size: 0$"
+run 0 list; has "$out" "^posix +/$n-empty +- +root +root +0600 +0 "; lacks "$out" "$n-(dir|link)"
+setpriv --reuid=65534 --regid=65534 --clear-groups "$tool" show "/$n-empty" >"$out" 2>"$err" || fail "nobody cannot show"
+has "$out" "^owner: root$"
+[ "$(stat -c %s "/dev/shm/$n-empty")" = 0 ] || fail "looking sized the empty object"
+rm -rf "/dev/shm/$n-empty" "/dev/shm/$n-dir" "/dev/shm/$n-link"
 
-# POSIX: a persistent segment for group staff outlives the tool and shows up everywhere.
-run 0 create --trustee staff --persistent "$name" 4096
-stdout_has "role: creator"; stdout_has "trustee: staff"; stdout_has "persistent: yes"
-[ "$(stat -c '%a %G %s' "/dev/shm/$name" 2>/dev/null)" = "770 staff 4096" ] || fail "object not as created"
-run 0 show "$name"
-stdout_has "owner: root"; stdout_has "trustee: staff"; stdout_has "mode: 0770"; stdout_has "size: 4096"
-run 0 list; grep -qE "^  $name +root +staff +0770 +4096\$" "$out" || fail "list lacks the object"
-run 1 create "$name" 4096; stderr_has "spf-shm: the segment /$name exists already"
-run 1 find --trustee users "$name" 4096; stderr_has "spf-shm: no segment /$name that trusts group users"
-run 1 find --persistent "$name" 4096
-stderr_has "spf-shm: log: makePersistent(): Cannot be called from a finder object"
-stderr_has "spf-shm: API error: Making shared memory persistent is not available to finder processes"
-run 0 remove "$name"; stdout_has "removed /$name (POSIX)"
-[ -e "/dev/shm/$name" ] && fail "remove left the object"
-run 1 remove "$name"; stderr_has "spf-shm: no POSIX segment /$name"
+# Both back ends: a size mismatch names both sizes; the kernel's view of a persistent segment.
+for b in --posix --sysv; do
+    o=${b/--posix/}
+    run 0 create $o --trustee staff --persistent "/$n-keep" 4096; has "$out" "^segment: /$n-keep "
+    run 1 find $o "$n-keep" 8192; has "$err" "size mismatch: /$n-keep has 4096 bytes, 8192 were asked for"
+    run 0 show $o "$n-keep"; has "$out" "^mode: 0770$"; has "$out" "^trustee: staff$"; has "$out" "^state: (orphan|unknown)$"
+    run 0 list $b --json
+    python3 -c 'import json, sys
+rows = json.load(open(sys.argv[1]))
+keep = [r for r in rows if r["name"] == "/" + sys.argv[2] or r["key"] == sys.argv[3]]
+assert len(keep) == 1 and keep[0]["size"] == 4096 and keep[0]["group"] == "staff", keep
+assert all(sorted(r) == sorted(rows[0]) for r in rows)' "$out" "$n-keep" "$(key "$n-keep")" || fail "list $b --json"
+    run 0 remove $o "$n-keep"; has "$out" "^removed "
+done
 
-# A trustee that names no group: the library's record and exception, and nothing created.
-run 1 create --trustee no-such-group-spft "$name" 4096
-stderr_has "spf-shm: log: setTrustee(): Failed to find the specified group: <no-such-group-spft>. (Error -1)"
-stderr_has "spf-shm: SystemError:SharedMemory:getgrnam:trustee=no-such-group-spft:error= -1"
-[ -e "/dev/shm/$name" ] && fail "a failed create left the object"
+# A System V segment the library did not make: addressed by id and by key.
+id=$(ipcmk -M 1000 | awk '{ print $NF }')
+run 0 show --id "$id"; has "$out" "^size: 1000$"; has "$out" "^last pid: 0$"
+run 0 remove --key "$(sed -n 's/^key: //p' "$out")"; has "$out" "^removed 0x"
+run 1 show --id "$id"
 
-# System V under the derived name.
-derived=$("$tool" name "$name" users)
-run 0 create --sysv --derive --trustee users --persistent "$name" 8192; stdout_has "segment: /$derived (System V)"
-run 0 show --sysv --derive --trustee users "$name"
-stdout_has "trustee: users"; stdout_has "mode: 0770"; stdout_has "size: 8192"
-run 0 list; grep -qE "^  0x[0-9a-f]{8} +[0-9]+ +root +users +0770 +8192 +0\$" "$out" || fail "list lacks the segment"
-run 0 remove --sysv --derive --trustee users "$name"; stdout_has "removed /$derived (System V)"
-run 1 show --sysv --derive --trustee users "$name"; stderr_has "spf-shm: no System V segment /$derived"
-
-# --hold keeps the segment for others until a signal ends the wait; the teardown still runs.
-"$tool" create-or-find "$name-held" 4096 --hold 30 >/dev/null 2>&1 & holder=$!
-for _ in $(seq 100); do [ -e "/dev/shm/$name-held" ] && break; sleep 0.05; done
-run 0 create-or-find "$name-held" 4096; stdout_has "role: finder"
-kill -TERM "$holder"; wait "$holder"; code=$?
-[ "$code" -eq 0 ] || fail "the holder exited $code after SIGTERM"
-[ -e "/dev/shm/$name-held" ] && fail "the holder left its segment"
+# Crashed creators leave orphans; orphans and prune find exactly them, never a segment in use.
+for b in --posix --sysv; do
+    o=${b/--posix/}
+    "$tool" create-or-find $o "$n-held" 4096 --hold 60 >"$held" 2>&1 & holder=$!
+    "$tool" create $o "$n-dead" 4096 --hold 60 >"$out" 2>&1 & victim=$!
+    for _ in $(seq 200); do grep -q holding "$held" && grep -q holding "$out" && break; sleep 0.05; done
+    kill -KILL "$victim"; wait "$victim" 2>/dev/null
+    if [ -n "$o" ]; then dead=$(key "$n-dead") live=$(key "$n-held"); else dead=/$n-dead live=/$n-held; fi
+    run 0 orphans $b --bytes; has "$out" "^${b#--} +$dead .* 4096 +0 +orphan "; lacks "$out" "$live"
+    run 0 list $b; has "$out" "^${b#--} +$live .* in-use "
+    run 0 prune $b --name "$n-dead"; has "$out" "$dead"; has "$err" "1 orphan\(s\) would be removed"
+    run 0 show $o "$n-dead"
+    run 0 prune $b --yes --name "$n-held"; lacks "$out" "removed"
+    run 0 prune $b --yes --name "$n-dead"; has "$out" "^removed $dead"
+    run 1 show $o "$n-dead"
+    run 0 create-or-find $o "$n-dead" 4096; has "$out" "^role: creator$"
+    # An interrupted creator still cleans up.
+    kill -TERM "$holder"; wait "$holder" || fail "the holder exited $? after SIGTERM"
+    run 1 show $o "$n-held"
+done
 
 [ "$failures" -eq 0 ] && echo "all tool checks passed"
 exit $((failures > 0))

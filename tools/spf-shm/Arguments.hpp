@@ -1,0 +1,56 @@
+// The command line: one command, its options and its operands, checked strictly.
+#ifndef SPF_SHM_ARGUMENTS_HPP
+#define SPF_SHM_ARGUMENTS_HPP
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace spfshm {
+
+// Bad usage: exit status 2. An empty text asks for the help.
+struct UsageError {
+    std::string text;
+};
+
+// A failure or a segment not found: exit status 1.
+struct Failure {
+    std::string text;
+};
+
+struct Arguments {
+    std::string command;
+    std::vector<std::string> operands;
+    bool sysv = false, posix = false;  // a back end chosen or, for listings, a filter
+    std::optional<std::string> trustee;
+    bool derive = false, persistent = false;
+    unsigned long hold = 0;
+    std::optional<std::int32_t> key;
+    std::optional<int> id;
+    std::optional<uid_t> owner;
+    std::optional<std::string> name;  // prune --name
+    std::optional<long long> olderThan;  // seconds
+    bool bytes = false, json = false, orphans = false, yes = false;
+    bool help = false, version = false;
+};
+
+// Throws UsageError.
+Arguments parseArguments(int argc, char** argv);
+
+// `text` as a segment's object name: a leading "/" dropped. Throws UsageError for an empty name
+// and, for POSIX, for "." or "..", a further "/" or more than 255 bytes.
+std::string objectName(const std::string& text, bool posix);
+
+// The name the library's handle opens for this command's NAME operand: NAME itself (see
+// objectName) or, with --derive, the name derived from NAME and the trustee.
+std::string segmentName(const Arguments& arguments);
+
+extern const char kUsage[];
+extern const char kHelp[];
+
+}  // namespace spfshm
+
+#endif

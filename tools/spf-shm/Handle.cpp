@@ -1,0 +1,125 @@
+// The commands that open a segment through the library's handle, as an application does.
+// The library's records go to stderr: teardown failures (a removal that did not happen) are
+// only logged.
+#include <signal.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <ctime>
+#include <iostream>
+#include <optional>
+#include <stdexcept>
+
+#include <boost/core/null_deleter.hpp>
+#include <boost/log/core/core.hpp>
+#include <boost/log/expressions.hpp>
+#include <boost/log/sinks/sync_frontend.hpp>
+#include <boost/log/sinks/text_ostream_backend.hpp>
+#include <boost/make_shared.hpp>
+
+#include "Commands.hpp"
+#include "System.hpp"
+#include "agent/spf/sharedmemory/SharedMemory.hpp"
+
+namespace spfshm {
+
+namespace sm = agent::spf::sharedmemory;
+using sm::SharedMemory;
+
+namespace {
+
+volatile sig_atomic_t stopRequested = 0;
+
+void requestStop(int) { stopRequested = 1; }
+
+// Set before the segment is opened, so that a signal at any point still lets the teardown run.
+void catchStopSignals() {
+    struct sigaction action {};
+    action.sa_handler = requestStop;
+    ::sigaction(SIGINT, &action, nullptr);
+    ::sigaction(SIGTERM, &action, nullptr);
+}
+
+void hold(unsigned long seconds) {
+    std::printf("holding for %lu s\n", seconds);
+    std::fflush(stdout);
+    timespec left{static_cast<time_t>(seconds), 0};
+    while (!stopRequested && ::nanosleep(&left, &left) == -1 && errno == EINTR) {
+    }
+}
+
+std::string orNone(const std::string& text) { return text.empty() ? "(none)" : text; }
+
+// The size the system gives the segment now; 0 when there is none.
+unsigned long long sizeInSystem(const std::string& name, bool sysv) {
+    if (!sysv) {
+        Segment object;
+        return posixObject(name, object) ? object.size : 0;
+    }
+    const std::int32_t key = sm::deriveSystemVKey(name);
+    for (const Segment& segment : sysvSegments()) {
+        if (segment.key == key && !segment.markedForRemoval) return segment.size;
+    }
+    return 0;
+}
+
+}  // namespace
+
+int name(const Arguments& arguments) {
+    const std::string& trustee =
+        arguments.trustee ? *arguments.trustee : arguments.operands.size() > 1 ? arguments.operands[1] : "";
+    const std::string derived = sm::deriveSegmentName(arguments.operands[0], trustee);
+    if (arguments.sysv) std::printf("0x%08x\n", static_cast<unsigned>(sm::deriveSystemVKey(derived)));
+    else std::printf("%s\n", derived.c_str());
+    return 0;
+}
+
+int open(const Arguments& arguments) {
+    const std::string name = segmentName(arguments);
+    const unsigned long size = std::stoul(arguments.operands[1]);
+    const std::string trustee = arguments.trustee.value_or("");
+    const auto spec = arguments.sysv ? SharedMemory::SysV : SharedMemory::Posix;
+    const char* backEnd = arguments.sysv ? "System V" : "POSIX";
+    if (arguments.hold > 0) catchStopSignals();
+    const auto construct = [&] {
+        if (arguments.command == "create-or-find") return SharedMemory(name, size, trustee, spec);
+        return SharedMemory(name, size, arguments.command == "create", trustee, spec);
+    };
+    std::optional<SharedMemory> segment;
+    try {
+        segment.emplace(construct());
+    } catch (const std::runtime_error& error) {
+        // The library's text does not say which sizes disagree; the system does.
+        const unsigned long long existing = sizeInSystem(name, arguments.sysv);
+        if (existing != 0 && existing < size) {
+            throw Failure{"size mismatch: /" + name + " has " + std::to_string(existing) + " bytes, " +
+                          std::to_string(size) + " were asked for (" + error.what() + ")"};
+        }
+        throw;
+    }
+    if (!segment->isAttached()) {
+        if (arguments.command == "create") throw Failure{"the segment /" + name + " exists already"};
+        throw Failure{"no segment /" + name + (trustee.empty() ? "" : " that trusts group " + trustee)};
+    }
+    if (arguments.persistent) segment->makePersistent();
+    std::printf("segment: /%s (%s)\nrole: %s\nowner: %s\ntrustee: %s\nsize: %lu\npersistent: %s\n",
+                name.c_str(), backEnd, segment->isCreator() ? "creator" : "finder",
+                orNone(segment->getOwner()).c_str(), orNone(segment->getTrustee()).c_str(), size,
+                arguments.persistent || !segment->isCreator() ? "yes" : "no");
+    if (arguments.hold > 0) hold(arguments.hold);
+    return 0;
+}
+
+// Without a sink of its own, Boost.Log would print the records on stdout among the results.
+void logToStderr() {
+    namespace logging = boost::log;
+    auto backend = boost::make_shared<logging::sinks::text_ostream_backend>();
+    backend->add_stream(boost::shared_ptr<std::ostream>(&std::cerr, boost::null_deleter()));
+    backend->auto_flush(true);
+    auto sink = boost::make_shared<logging::sinks::synchronous_sink<logging::sinks::text_ostream_backend>>(backend);
+    sink->set_filter(logging::expressions::attr<std::string>("Channel") == "agent::spf::sharedmemory");
+    sink->set_formatter(logging::expressions::stream << "spf-shm: log: " << logging::expressions::smessage);
+    logging::core::get()->add_sink(sink);
+}
+
+}  // namespace spfshm

@@ -1,0 +1,176 @@
+// Looking at segments and removing them, from what the system shows. Nothing here opens a
+// segment through the library: looking must change nothing, and removal must reach segments
+// that the library did not make.
+#include <fnmatch.h>
+#include <sys/mman.h>
+#include <sys/shm.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "Commands.hpp"
+#include "Output.hpp"
+#include "agent/spf/sharedmemory/SharedMemory.hpp"
+
+namespace spfshm {
+
+namespace {
+
+std::vector<Segment> segments(const Arguments& arguments) {
+    std::vector<Segment> all;
+    if (!arguments.sysv) all = posixObjects();
+    if (!arguments.posix) {
+        for (Segment& segment : sysvSegments()) all.push_back(std::move(segment));
+    }
+    return all;
+}
+
+// The segments that show and remove address: one POSIX object, or the System V segments with
+// the given id or key (a key derived from the library's name unless given).
+std::vector<Segment> addressed(const Arguments& arguments) {
+    std::vector<Segment> found;
+    if (!arguments.sysv) {
+        Segment object;
+        const std::string name = segmentName(arguments);
+        if (!posixObject(name, object)) throw Failure{"no POSIX object /" + name};
+        found.push_back(object);
+        return found;
+    }
+    const std::int32_t key = arguments.key ? *arguments.key
+                             : arguments.id ? 0
+                                            : agent::spf::sharedmemory::deriveSystemVKey(segmentName(arguments));
+    for (const Segment& segment : sysvSegments()) {
+        if (arguments.id ? segment.id == *arguments.id : segment.key == key) found.push_back(segment);
+    }
+    if (found.empty()) {
+        char text[80];
+        if (arguments.id) std::snprintf(text, sizeof text, "no System V segment with id %d", *arguments.id);
+        else std::snprintf(text, sizeof text, "no System V segment with key 0x%08x", static_cast<unsigned>(key));
+        throw Failure{text};
+    }
+    return found;
+}
+
+void print(const std::vector<Row>& rows, const Arguments& arguments) {
+    if (arguments.json) printJson(rows);
+    else if (arguments.command == "show") printDetails(rows);
+    else printTable(rows, arguments.bytes);
+}
+
+bool unlinkObject(const Segment& segment, std::string& why) {
+    if (::shm_unlink(("/" + segment.name).c_str()) == 0) return true;
+    why = std::strerror(errno);
+    return false;
+}
+
+bool removeSegment(const Segment& segment, std::string& why) {
+    if (::shmctl(segment.id, IPC_RMID, nullptr) == 0) return true;
+    why = std::strerror(errno);
+    return false;
+}
+
+// Checked again just before removal: the orphan must still be the object or segment that was
+// judged, and still unattached.
+bool stillOrphan(const Segment& segment, std::string& why) {
+    if (!segment.sysv) {
+        Segment now;
+        if (posixObject(segment.name, now) && now.inode == segment.inode) return true;
+        why = "it changed since it was looked at";
+        return false;
+    }
+    shmid_ds status{};
+    if (::shmctl(segment.id, IPC_STAT, &status) != 0) {
+        why = std::strerror(errno);
+        return false;
+    }
+    if (status.shm_perm.__key == segment.key && status.shm_nattch == 0) return true;
+    why = "it is in use now";
+    return false;
+}
+
+bool matches(const Segment& segment, const Arguments& arguments) {
+    if (arguments.owner && segment.uid != *arguments.owner) return false;
+    if (arguments.key && (!segment.sysv || segment.key != *arguments.key)) return false;
+    if (arguments.olderThan && std::time(nullptr) - segment.changed < *arguments.olderThan) return false;
+    if (!arguments.name) return true;
+    if (segment.sysv) return segment.key == agent::spf::sharedmemory::deriveSystemVKey(objectName(*arguments.name, false));
+    return ::fnmatch(objectName(*arguments.name, false).c_str(), segment.name.c_str(), 0) == 0;
+}
+
+}  // namespace
+
+int list(const Arguments& arguments) {
+    const Usage usage = scanProcesses();
+    std::vector<Row> rows;
+    std::size_t unknown = 0;
+    for (const Segment& segment : segments(arguments)) {
+        Row row = makeRow(segment, usage);
+        unknown += row.state == "unknown";
+        if (!arguments.orphans || row.state == "orphan") rows.push_back(std::move(row));
+    }
+    print(rows, arguments);
+    if (arguments.orphans && unknown > 0) {
+        std::fflush(stdout);
+        std::fprintf(stderr, "spf-shm: %zu more segment(s) may be orphans; state unknown, since %zu "
+                     "process(es) could not be read\n", unknown, usage.unreadable);
+    }
+    return 0;
+}
+
+int show(const Arguments& arguments) {
+    const std::vector<Segment> found = addressed(arguments);
+    const Usage usage = scanProcesses();
+    std::vector<Row> rows;
+    for (const Segment& segment : found) rows.push_back(makeRow(segment, usage));
+    print(rows, arguments);
+    return 0;
+}
+
+int remove(const Arguments& arguments) {
+    std::string why;
+    for (const Segment& segment : addressed(arguments)) {
+        if (!(segment.sysv ? removeSegment(segment, why) : unlinkObject(segment, why)))
+            throw Failure{"cannot remove " + label(segment) + ": " + why};
+        unsigned long attached = 0;
+        for (const Segment& left : sysvSegments()) attached += segment.sysv && left.id == segment.id ? left.attached : 0;
+        std::printf("removed %s (%s)", label(segment).c_str(), segment.sysv ? "System V" : "POSIX");
+        if (attached > 0) std::printf("; it disappears when its %lu remaining users detach", attached);
+        std::printf("\n");
+    }
+    return 0;
+}
+
+int prune(const Arguments& arguments) {
+    const Usage usage = scanProcesses();
+    std::vector<Row> rows;
+    for (const Segment& segment : segments(arguments)) {
+        Row row = makeRow(segment, usage);
+        if (row.state == "orphan" && matches(segment, arguments)) rows.push_back(std::move(row));
+    }
+    if (!arguments.yes) {
+        print(rows, arguments);
+        std::fflush(stdout);
+        std::fprintf(stderr, "spf-shm: %zu orphan(s) would be removed; add --yes to remove them\n", rows.size());
+        return 0;
+    }
+    int status = 0;
+    for (Row& row : rows) {
+        std::string why;
+        const Segment& segment = row.segment;
+        // A segment taken into use meanwhile is kept, which is no failure; a refused removal is.
+        const bool orphan = stillOrphan(segment, why);
+        row.removed = orphan && (segment.sysv ? removeSegment(segment, why) : unlinkObject(segment, why));
+        if (!*row.removed) {
+            std::fprintf(stderr, "spf-shm: kept %s: %s\n", label(segment).c_str(), why.c_str());
+            if (orphan) status = 1;
+        } else {
+            std::fprintf(arguments.json ? stderr : stdout, "removed %s (%s)\n", label(segment).c_str(),
+                         segment.sysv ? "System V" : "POSIX");
+        }
+    }
+    if (arguments.json) printJson(rows);
+    return status;
+}
+
+}  // namespace spfshm

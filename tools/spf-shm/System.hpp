@@ -1,0 +1,61 @@
+// What the system shows about shared memory, read without opening any segment: the POSIX
+// objects in /dev/shm, the kernel's System V table, and which processes use which segment.
+#ifndef SPF_SHM_SYSTEM_HPP
+#define SPF_SHM_SYSTEM_HPP
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <ctime>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+namespace spfshm {
+
+// One segment as the system describes it. POSIX objects have a name and no key or id; System V
+// segments have a key and an id and no name.
+struct Segment {
+    bool sysv = false;
+    std::string name;  // POSIX: the object name, without the leading "/"
+    std::int32_t key = 0;
+    int id = -1;
+    unsigned mode = 0;  // permission bits only
+    unsigned long long size = 0;
+    uid_t uid = 0, creatorUid = 0;
+    gid_t gid = 0, creatorGid = 0;
+    pid_t creatorPid = 0, lastPid = 0;  // System V; 0 when not visible from here
+    unsigned long attached = 0;         // System V attach count
+    bool markedForRemoval = false;      // System V: removed, waiting for its last detach
+    std::time_t changed = 0;            // the latest attach, access or change time kept
+    dev_t device = 0;                   // POSIX: the object's file
+    ino_t inode = 0;
+};
+
+// The regular files in /dev/shm, sorted by name. Directories, links and devices are not objects.
+std::vector<Segment> posixObjects();
+// One regular file in /dev/shm; false when there is none of that name.
+bool posixObject(const std::string& name, Segment& out);
+// The kernel's System V table (/proc/sysvipc/shm), in its order.
+std::vector<Segment> sysvSegments();
+
+// Which processes use which segment, from one pass over /proc.
+struct Usage {
+    std::unordered_map<ino_t, std::vector<pid_t>> posix;  // inode on the /dev/shm file system
+    std::unordered_map<int, std::vector<pid_t>> sysv;     // System V id
+    std::unordered_set<pid_t> alive;                      // every live process (no zombies)
+    std::size_t unreadable = 0;     // processes whose descriptors or maps could not be read
+    bool everyProcessSeen = true;   // false: /proc hides other users' processes
+};
+Usage scanProcesses();
+
+// How a segment is used: "in-use", "idle" (System V: nothing attached, but its creator or last
+// user lives), "orphan" (nothing uses it), "unknown" (what would tell was not readable),
+// "removing" (System V: removed, still attached).
+std::string state(const Segment& segment, const Usage& usage);
+const std::vector<pid_t>& users(const Segment& segment, const Usage& usage);
+
+}  // namespace spfshm
+
+#endif
