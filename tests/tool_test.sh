@@ -21,6 +21,7 @@ run() {
 }
 has() { grep -qE -- "$2" "$1" || fail "no line matching <$2> in $(basename "$1")"; }
 lacks() { ! grep -qE -- "$2" "$1" || fail "a line matching <$2> in $(basename "$1")"; }
+waitfor() { for _ in $(seq 200); do grep -q holding "$1" && return; sleep 0.05; done; fail "no holder in $1"; }
 key() { "$tool" show --sysv "$1" 2>/dev/null | sed -n 's/^key: //p'; }
 
 # Strict usage: exit 2 with the usage line; "--" ends the options.
@@ -56,7 +57,18 @@ rows = json.load(open(sys.argv[1]))
 keep = [r for r in rows if r["name"] == "/" + sys.argv[2] or r["key"] == sys.argv[3]]
 assert len(keep) == 1 and keep[0]["size"] == 4096 and keep[0]["group"] == "staff", keep
 assert all(sorted(r) == sorted(rows[0]) for r in rows)' "$out" "$n-keep" "$(key "$n-keep")" || fail "list $b --json"
+    # In use: a System V finder attached, a process that mapped the object and closed it.
+    if [ -n "$o" ]; then "$tool" find --sysv "$n-keep" 4096 --hold 60 >"$held" 2>&1 & user=$!
+    else python3 -c 'import mmap, os, sys, time
+fd = os.open(sys.argv[1], os.O_RDWR); m = mmap.mmap(fd, 0); os.closerange(3, 1024)
+print("holding", flush=True); time.sleep(60)' "/dev/shm/$n-keep" >"$held" & user=$!; fi
+    waitfor "$held"
+    run 0 show $o "$n-keep"; has "$out" "^state: in-use$"
     run 0 remove $o "$n-keep"; has "$out" "^removed "
+    if [ -n "$o" ]; then
+        has "$out" "when its 1 remaining users detach"; run 0 list --sysv; has "$out" " 0770 .* 1 +removing "
+    fi
+    kill "$user"; wait "$user" 2>/dev/null
 done
 
 # A System V segment the library did not make: addressed by id and by key.
@@ -70,7 +82,7 @@ for b in --posix --sysv; do
     o=${b/--posix/}
     "$tool" create-or-find $o "$n-held" 4096 --hold 60 >"$held" 2>&1 & holder=$!
     "$tool" create $o "$n-dead" 4096 --hold 60 >"$out" 2>&1 & victim=$!
-    for _ in $(seq 200); do grep -q holding "$held" && grep -q holding "$out" && break; sleep 0.05; done
+    waitfor "$held"; waitfor "$out"
     kill -KILL "$victim"; wait "$victim" 2>/dev/null
     if [ -n "$o" ]; then dead=$(key "$n-dead") live=$(key "$n-held"); else dead=/$n-dead live=/$n-held; fi
     run 0 orphans $b --bytes; has "$out" "^${b#--} +$dead .* 4096 +0 +orphan "; lacks "$out" "$live"
