@@ -101,7 +101,7 @@ std::vector<Fact> facts(const Row& row) {
         pidText += (pidText.empty() ? "" : " ") + std::to_string(pid);
     }
     char changed[32];
-    std::strftime(changed, sizeof changed, "%Y-%m-%d %H:%M:%S", std::localtime(&s.changed));
+    std::strftime(changed, sizeof changed, "%Y-%m-%d %H:%M:%S %Z", std::localtime(&s.changed));
     const auto number = [](auto value) { return std::to_string(value); };
     std::vector<Fact> list = {
         {"backend", quoted(v ? "sysv" : "posix"), v ? "System V" : "POSIX"},
@@ -113,8 +113,8 @@ std::vector<Fact> facts(const Row& row) {
         {"group", quoted(groupName(s.gid)), groupName(s.gid)},
         {"gid", number(s.gid), ""},
         {"trustee", orNull(trusted, quoted(groupName(s.gid))), trusted ? groupName(s.gid) : "(none)"},
-        {"creator_uid", orNull(v, number(s.creatorUid)), v ? userName(s.creatorUid) : ""},
-        {"creator_gid", orNull(v, number(s.creatorGid)), v ? groupName(s.creatorGid) : ""},
+        {"creator_uid", orNull(v, number(s.creatorUid)), v ? number(s.creatorUid) + " (" + userName(s.creatorUid) + ")" : ""},
+        {"creator_gid", orNull(v, number(s.creatorGid)), v ? number(s.creatorGid) + " (" + groupName(s.creatorGid) + ")" : ""},
         {"mode", quoted(octal(s.mode)), octal(s.mode)},
         {"size", number(s.size), number(s.size)},
         {"attached", orNull(v, number(s.attached)), v ? number(s.attached) : ""},
