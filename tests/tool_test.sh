@@ -49,6 +49,8 @@ rm -rf "/dev/shm/$n-empty" "/dev/shm/$n-dir" "/dev/shm/$n-link"
 for b in --posix --sysv; do
     o=${b/--posix/}
     run 0 create $o --trustee staff --persistent "/$n-keep" 4096; has "$out" "^segment: /$n-keep "
+    run 1 create $o "$n-keep" 4096; has "$err" "the segment /$n-keep exists already"
+    run 1 create $o --trustee no-such-group-spft "$n-none" 4096; run 1 show $o "$n-none"
     run 1 find $o "$n-keep" 8192; has "$err" "size mismatch: /$n-keep has 4096 bytes, 8192 were asked for"
     run 0 show $o "$n-keep"; has "$out" "^mode: 0770$"; has "$out" "^trustee: staff$"; has "$out" "^state: (orphan|unknown)$"
     run 0 list $b --json
