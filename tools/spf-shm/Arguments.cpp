@@ -20,39 +20,25 @@ const char kUsage[] =
 const char kHelp[] =
     "usage: spf-shm COMMAND [OPTIONS] [--] [ARGUMENTS]\n"
     "\n"
-    "Looking (changes nothing, opens no segment):\n"
-    "  list [--orphans] [--sysv|--posix] [--bytes] [--json]\n"
-    "      every POSIX object in /dev/shm and every System V segment, with its users' state\n"
-    "  orphans [--sysv|--posix] [--bytes] [--json]\n"
-    "      the segments that no process uses any more (same as list --orphans)\n"
+    "Looking (opens, sizes and removes nothing):\n"
+    "  list [--orphans] [--sysv|--posix] [--bytes] [--json]   every segment and its state\n"
+    "  orphans [--sysv|--posix] [--bytes] [--json]            segments nothing uses any more\n"
     "  show [--sysv] [--derive [--trustee GROUP]] [--json] NAME\n"
-    "  show (--key KEY | --id ID) [--json]\n"
-    "      everything the system keeps about one segment\n"
-    "  name [--sysv] NAME [TRUSTEE]\n"
-    "      the segment name that SharedMemory::create, find and createOrFind derive from NAME\n"
-    "      and TRUSTEE (none: the effective user); with --sysv, its System V key\n"
+    "  show (--key KEY | --id ID) [--json]                    all about one segment\n"
+    "  name [--sysv] NAME [TRUSTEE]     the name (--sysv: key) the library derives\n"
     "\n"
     "Changing:\n"
-    "  create         [OPTIONS] NAME SIZE   create the segment; fails if it exists\n"
-    "  find           [OPTIONS] NAME SIZE   open the existing segment\n"
-    "  create-or-find [OPTIONS] NAME SIZE   create the segment, or open it if it exists\n"
-    "      --sysv            a System V segment (default: a POSIX object)\n"
-    "      --trustee GROUP   grant GROUP access when creating; when finding, open the\n"
-    "                        segment only if it trusts GROUP\n"
-    "      --derive          open the derived name (see name) instead of NAME itself\n"
-    "      --persistent      leave a segment this command created in the system\n"
-    "      --hold SECONDS    keep the segment open that long (SIGINT/SIGTERM end the\n"
-    "                        wait early and still clean up)\n"
+    "  create|find|create-or-find [--sysv] [--trustee GROUP] [--derive] [--persistent]\n"
+    "                             [--hold SECONDS] NAME SIZE\n"
+    "      open the segment through the library; SIGINT/SIGTERM end --hold and clean up\n"
     "  remove [--sysv] [--derive [--trustee GROUP]] NAME\n"
-    "  remove (--key KEY | --id ID)\n"
-    "      remove one segment, whether in use or not\n"
+    "  remove (--key KEY | --id ID)     remove one segment, in use or not\n"
     "  prune [--sysv|--posix] [--owner USER] [--name NAME] [--key KEY]\n"
     "        [--older-than DURATION] [--yes] [--bytes] [--json]\n"
-    "      list the orphans that match; with --yes, remove them\n"
+    "      list the matching orphans; with --yes, remove them\n"
     "\n"
-    "NAME is a POSIX object name (/dev/shm/NAME, a leading \"/\" optional) or, with --sysv,\n"
-    "the name a program gave the library (the System V key is derived from it).\n"
-    "KEY is 0x and up to 8 hex digits, or decimal. DURATION is e.g. 90s, 30m, 12h, 7d, 1h30m.\n"
+    "NAME: a POSIX object name (a leading \"/\" optional) or, with --sysv, the name given\n"
+    "to the library. KEY: 0x and up to 8 hex digits, or decimal. DURATION: e.g. 90s, 1h30m, 7d.\n"
     "Exit status: 0 success, 1 not found or failed, 2 bad usage. See spf-shm(1).\n";
 
 namespace {
@@ -109,15 +95,17 @@ unsigned long long number(const std::string& text, unsigned long long most, cons
 }
 
 std::int32_t parseKey(const std::string& text) {
-    if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X') && text.size() <= 10 &&
-        text.find_first_not_of("0123456789abcdefABCDEF", 2) == std::string::npos) {
-        return static_cast<std::int32_t>(std::strtoul(text.c_str() + 2, nullptr, 16));
+    const bool hex = text.size() > 2 && text.size() <= 10 && (text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) &&
+                     text.find_first_not_of("0123456789abcdefABCDEF", 2) == std::string::npos;
+    // Keys are 32-bit patterns: decimal as /proc/sysvipc/shm prints them, or hexadecimal as ipcs does.
+    if (hex) return static_cast<std::int32_t>(std::strtoul(text.c_str() + 2, nullptr, 16));
+    char* end = nullptr;
+    errno = 0;
+    const long long value = std::strtoll(text.c_str(), &end, 10);
+    if (text.empty() || (text[0] != '-' && !std::isdigit(static_cast<unsigned char>(text[0]))) || *end != '\0' ||
+        errno != 0 || value < INT_MIN || value > INT_MAX) {
+        throw UsageError{"bad --key: " + text};
     }
-    const bool negative = !text.empty() && text[0] == '-';
-    const long long magnitude = static_cast<long long>(
-        number(negative ? text.substr(1) : text, 1ULL << 31, "--key"));
-    const long long value = negative ? -magnitude : magnitude;
-    if (value > INT_MAX) throw UsageError{"bad --key: " + text};
     return static_cast<std::int32_t>(value);
 }
 
