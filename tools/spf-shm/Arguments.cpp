@@ -43,9 +43,11 @@ const char kHelp[] =
 
 namespace {
 
+// clang-format off
 enum Command : unsigned {
     kName = 1, kOpen = 2, kShow = 4, kList = 8, kPrune = 16, kRemove = 32, kAll = 63
 };
+// clang-format on
 
 struct Option {
     const char* name;
@@ -87,23 +89,27 @@ bool allDigits(const std::string& text) {
     return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
 }
 
-unsigned long long number(const std::string& text, unsigned long long most, const std::string& what) {
+unsigned long long number(const std::string& text, unsigned long long most,
+                          const std::string& what) {
     errno = 0;
     const unsigned long long value = std::strtoull(text.c_str(), nullptr, 10);
-    if (!allDigits(text) || errno != 0 || value > most) throw UsageError{"bad " + what + ": " + text};
+    if (!allDigits(text) || errno != 0 || value > most)
+        throw UsageError{"bad " + what + ": " + text};
     return value;
 }
 
 std::int32_t parseKey(const std::string& text) {
-    const bool hex = text.size() > 2 && text.size() <= 10 && (text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) &&
+    const bool hex = text.size() > 2 && text.size() <= 10 &&
+                     (text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) &&
                      text.find_first_not_of("0123456789abcdefABCDEF", 2) == std::string::npos;
-    // Keys are 32-bit patterns: decimal as /proc/sysvipc/shm prints them, or hexadecimal as ipcs does.
+    // Keys are 32-bit patterns: decimal as /proc/sysvipc/shm prints them, or hexadecimal as ipcs
+    // does.
     if (hex) return static_cast<std::int32_t>(std::strtoul(text.c_str() + 2, nullptr, 16));
     char* end = nullptr;
     errno = 0;
     const long long value = std::strtoll(text.c_str(), &end, 10);
-    if (text.empty() || (text[0] != '-' && !std::isdigit(static_cast<unsigned char>(text[0]))) || *end != '\0' ||
-        errno != 0 || value < INT_MIN || value > INT_MAX) {
+    if (text.empty() || (text[0] != '-' && !std::isdigit(static_cast<unsigned char>(text[0]))) ||
+        *end != '\0' || errno != 0 || value < INT_MIN || value > INT_MAX) {
         throw UsageError{"bad --key: " + text};
     }
     return static_cast<std::int32_t>(value);
@@ -120,7 +126,8 @@ long long parseDuration(const std::string& text) {
         const long long scale[] = {1, 60, 3600, 86400, 604800};
         const char* which = unit != '\0' ? std::strchr(units, unit) : nullptr;
         if (count.empty() || which == nullptr) throw UsageError{"bad --older-than: " + text};
-        total += static_cast<long long>(number(count, 1ULL << 40, "--older-than")) * scale[which - units];
+        total += static_cast<long long>(number(count, 1ULL << 40, "--older-than")) *
+                 scale[which - units];
         at = digits == std::string::npos ? text.size() : digits + 1;
     } while (at < text.size());
     return total;
@@ -131,6 +138,7 @@ uid_t parseOwner(const std::string& text) {
     return static_cast<uid_t>(number(text, UINT_MAX - 1, "--owner (no such user)"));
 }
 
+// clang-format off
 void setOption(Arguments& arguments, const std::string& name, const std::string& value) {
     if (name == "sysv") arguments.sysv = true;
     else if (name == "posix") arguments.posix = true;
@@ -150,15 +158,18 @@ void setOption(Arguments& arguments, const std::string& name, const std::string&
     else if (name == "help") arguments.help = true;
     else if (name == "version") arguments.version = true;
 }
+// clang-format on
 
 void checkOperands(const Arguments& arguments, std::size_t least, std::size_t most) {
     const std::size_t count = arguments.operands.size();
     if (count < least) throw UsageError{arguments.command + ": missing argument"};
-    if (count > most) throw UsageError{arguments.command + ": unexpected argument: " + arguments.operands[most]};
+    if (count > most)
+        throw UsageError{arguments.command + ": unexpected argument: " + arguments.operands[most]};
 }
 
 void check(Arguments& arguments, unsigned command) {
-    if (arguments.sysv && arguments.posix) throw UsageError{"--sysv and --posix exclude each other"};
+    if (arguments.sysv && arguments.posix)
+        throw UsageError{"--sysv and --posix exclude each other"};
     if (command == kName) {
         checkOperands(arguments, 1, arguments.trustee ? 1 : 2);
     } else if (command == kOpen) {
@@ -167,7 +178,8 @@ void check(Arguments& arguments, unsigned command) {
             throw UsageError{"bad SIZE: " + arguments.operands[1]};
     } else if (command == kShow || command == kRemove) {
         if (arguments.trustee && !arguments.derive)
-            throw UsageError{"--trustee with " + arguments.command + " names a derived segment; add --derive"};
+            throw UsageError{"--trustee with " + arguments.command +
+                             " names a derived segment; add --derive"};
         if (arguments.key || arguments.id) {
             if ((arguments.key && arguments.id) || arguments.derive)
                 throw UsageError{"--key, --id and --derive exclude each other"};
@@ -179,7 +191,8 @@ void check(Arguments& arguments, unsigned command) {
     } else {
         checkOperands(arguments, 0, 0);
     }
-    if (command == kOpen || ((command == kShow || command == kRemove) && !arguments.operands.empty())) {
+    if (command == kOpen ||
+        ((command == kShow || command == kRemove) && !arguments.operands.empty())) {
         segmentName(arguments);  // rejects bad names before anything is done
     }
 }
@@ -189,7 +202,8 @@ void check(Arguments& arguments, unsigned command) {
 std::string objectName(const std::string& text, bool posix) {
     const std::string name = !text.empty() && text[0] == '/' ? text.substr(1) : text;
     if (name.empty()) throw UsageError{"an empty segment name"};
-    if (posix && (name == "." || name == ".." || name.find('/') != std::string::npos || name.size() > 255))
+    if (posix &&
+        (name == "." || name == ".." || name.find('/') != std::string::npos || name.size() > 255))
         throw UsageError{"not a POSIX object name: " + text};
     return name;
 }
@@ -230,14 +244,16 @@ Arguments parseArguments(int argc, char** argv) {
             continue;
         }
         const std::size_t equals = argument.find('=');
-        const std::string name = argument.substr(2, equals == std::string::npos ? std::string::npos : equals - 2);
+        const std::string name =
+            argument.substr(2, equals == std::string::npos ? std::string::npos : equals - 2);
         const Option* option = nullptr;
         for (const Option& candidate : kOptions) {
             if (argument.compare(0, 2, "--") == 0 && name == candidate.name) option = &candidate;
         }
         if (option == nullptr || (option->commands & command) == 0) {
-            throw UsageError{"unknown option" + (arguments.command.empty() ? "" : " for " + arguments.command) +
-                             ": " + argument};
+            throw UsageError{"unknown option" +
+                             (arguments.command.empty() ? "" : " for " + arguments.command) + ": " +
+                             argument};
         }
         std::string value;
         if (equals != std::string::npos) {

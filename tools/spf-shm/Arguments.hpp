@@ -31,7 +31,7 @@ struct Arguments {
     std::optional<std::int32_t> key;
     std::optional<int> id;
     std::optional<uid_t> owner;
-    std::optional<std::string> name;  // prune --name
+    std::optional<std::string> name;     // prune --name
     std::optional<long long> olderThan;  // seconds
     bool bytes = false, json = false, orphans = false, yes = false;
     bool help = false, version = false;

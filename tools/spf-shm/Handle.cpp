@@ -3,19 +3,18 @@
 // only logged.
 #include <signal.h>
 
-#include <cerrno>
-#include <cstdio>
-#include <ctime>
-#include <iostream>
-#include <optional>
-#include <stdexcept>
-
 #include <boost/core/null_deleter.hpp>
 #include <boost/log/core/core.hpp>
 #include <boost/log/expressions.hpp>
 #include <boost/log/sinks/sync_frontend.hpp>
 #include <boost/log/sinks/text_ostream_backend.hpp>
 #include <boost/make_shared.hpp>
+#include <cerrno>
+#include <cstdio>
+#include <ctime>
+#include <iostream>
+#include <optional>
+#include <stdexcept>
 
 #include "Commands.hpp"
 #include "System.hpp"
@@ -66,11 +65,14 @@ unsigned long long sizeInSystem(const std::string& name, bool sysv) {
 }  // namespace
 
 int name(const Arguments& arguments) {
-    const std::string& trustee =
-        arguments.trustee ? *arguments.trustee : arguments.operands.size() > 1 ? arguments.operands[1] : "";
+    const std::string& trustee = arguments.trustee               ? *arguments.trustee
+                                 : arguments.operands.size() > 1 ? arguments.operands[1]
+                                                                 : "";
     const std::string derived = sm::deriveSegmentName(arguments.operands[0], trustee);
-    if (arguments.sysv) std::printf("0x%08x\n", static_cast<unsigned>(sm::deriveSystemVKey(derived)));
-    else std::printf("%s\n", derived.c_str());
+    if (arguments.sysv)
+        std::printf("0x%08x\n", static_cast<unsigned>(sm::deriveSystemVKey(derived)));
+    else
+        std::printf("%s\n", derived.c_str());
     return 0;
 }
 
@@ -92,14 +94,17 @@ int open(const Arguments& arguments) {
         // The library's text does not say which sizes disagree; the system does.
         const unsigned long long existing = sizeInSystem(name, arguments.sysv);
         if (existing != 0 && existing < size) {
-            throw Failure{"size mismatch: /" + name + " has " + std::to_string(existing) + " bytes, " +
-                          std::to_string(size) + " were asked for (" + error.what() + ")"};
+            throw Failure{"size mismatch: /" + name + " has " + std::to_string(existing) +
+                          " bytes, " + std::to_string(size) + " were asked for (" + error.what() +
+                          ")"};
         }
         throw;
     }
     if (!segment->isAttached()) {
-        if (arguments.command == "create") throw Failure{"the segment /" + name + " exists already"};
-        throw Failure{"no segment /" + name + (trustee.empty() ? "" : " that trusts group " + trustee)};
+        if (arguments.command == "create")
+            throw Failure{"the segment /" + name + " exists already"};
+        throw Failure{"no segment /" + name +
+                      (trustee.empty() ? "" : " that trusts group " + trustee)};
     }
     if (arguments.persistent) segment->makePersistent();
     std::printf("segment: /%s (%s)\nrole: %s\nowner: %s\ntrustee: %s\nsize: %lu\npersistent: %s\n",
@@ -116,9 +121,13 @@ void logToStderr() {
     auto backend = boost::make_shared<logging::sinks::text_ostream_backend>();
     backend->add_stream(boost::shared_ptr<std::ostream>(&std::cerr, boost::null_deleter()));
     backend->auto_flush(true);
-    auto sink = boost::make_shared<logging::sinks::synchronous_sink<logging::sinks::text_ostream_backend>>(backend);
-    sink->set_filter(logging::expressions::attr<std::string>("Channel") == "agent::spf::sharedmemory");
-    sink->set_formatter(logging::expressions::stream << "spf-shm: log: " << logging::expressions::smessage);
+    auto sink =
+        boost::make_shared<logging::sinks::synchronous_sink<logging::sinks::text_ostream_backend>>(
+            backend);
+    sink->set_filter(logging::expressions::attr<std::string>("Channel") ==
+                     "agent::spf::sharedmemory");
+    sink->set_formatter(logging::expressions::stream << "spf-shm: log: "
+                                                     << logging::expressions::smessage);
     logging::core::get()->add_sink(sink);
 }
 

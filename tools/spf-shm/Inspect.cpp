@@ -37,25 +37,33 @@ std::vector<Segment> addressed(const Arguments& arguments) {
         found.push_back(object);
         return found;
     }
-    const std::int32_t key = arguments.key ? *arguments.key
-                             : arguments.id ? 0
-                                            : agent::spf::sharedmemory::deriveSystemVKey(segmentName(arguments));
+    const std::int32_t key =
+        arguments.key  ? *arguments.key
+        : arguments.id ? 0
+                       : agent::spf::sharedmemory::deriveSystemVKey(segmentName(arguments));
     for (const Segment& segment : sysvSegments()) {
-        if (arguments.id ? segment.id == *arguments.id : segment.key == key) found.push_back(segment);
+        if (arguments.id ? segment.id == *arguments.id : segment.key == key)
+            found.push_back(segment);
     }
     if (found.empty()) {
         char text[80];
-        if (arguments.id) std::snprintf(text, sizeof text, "no System V segment with id %d", *arguments.id);
-        else std::snprintf(text, sizeof text, "no System V segment with key 0x%08x", static_cast<unsigned>(key));
+        if (arguments.id)
+            std::snprintf(text, sizeof text, "no System V segment with id %d", *arguments.id);
+        else
+            std::snprintf(text, sizeof text, "no System V segment with key 0x%08x",
+                          static_cast<unsigned>(key));
         throw Failure{text};
     }
     return found;
 }
 
 void print(const std::vector<Row>& rows, const Arguments& arguments) {
-    if (arguments.json) printJson(rows);
-    else if (arguments.command == "show") printDetails(rows);
-    else printTable(rows, arguments.bytes);
+    if (arguments.json)
+        printJson(rows);
+    else if (arguments.command == "show")
+        printDetails(rows);
+    else
+        printTable(rows, arguments.bytes);
 }
 
 bool unlinkObject(const Segment& segment, std::string& why) {
@@ -92,9 +100,12 @@ bool stillOrphan(const Segment& segment, std::string& why) {
 bool matches(const Segment& segment, const Arguments& arguments) {
     if (arguments.owner && segment.uid != *arguments.owner) return false;
     if (arguments.key && (!segment.sysv || segment.key != *arguments.key)) return false;
-    if (arguments.olderThan && std::time(nullptr) - segment.changed < *arguments.olderThan) return false;
+    if (arguments.olderThan && std::time(nullptr) - segment.changed < *arguments.olderThan)
+        return false;
     if (!arguments.name) return true;
-    if (segment.sysv) return segment.key == agent::spf::sharedmemory::deriveSystemVKey(objectName(*arguments.name, false));
+    if (segment.sysv)
+        return segment.key ==
+               agent::spf::sharedmemory::deriveSystemVKey(objectName(*arguments.name, false));
     return ::fnmatch(objectName(*arguments.name, false).c_str(), segment.name.c_str(), 0) == 0;
 }
 
@@ -112,8 +123,10 @@ int list(const Arguments& arguments) {
     print(rows, arguments);
     if (arguments.orphans && unknown > 0) {
         std::fflush(stdout);
-        std::fprintf(stderr, "spf-shm: %zu more segment(s) may be orphans; state unknown, since %zu "
-                     "process(es) could not be read\n", unknown, usage.unreadable);
+        std::fprintf(stderr,
+                     "spf-shm: %zu more segment(s) may be orphans; state unknown, since %zu "
+                     "process(es) could not be read\n",
+                     unknown, usage.unreadable);
     }
     return 0;
 }
@@ -133,9 +146,11 @@ int remove(const Arguments& arguments) {
         if (!(segment.sysv ? removeSegment(segment, why) : unlinkObject(segment, why)))
             throw Failure{"cannot remove " + label(segment) + ": " + why};
         unsigned long attached = 0;
-        for (const Segment& left : sysvSegments()) attached += segment.sysv && left.id == segment.id ? left.attached : 0;
+        for (const Segment& left : sysvSegments())
+            attached += segment.sysv && left.id == segment.id ? left.attached : 0;
         std::printf("removed %s (%s)", label(segment).c_str(), segment.sysv ? "System V" : "POSIX");
-        if (attached > 0) std::printf("; it disappears when its %lu remaining users detach", attached);
+        if (attached > 0)
+            std::printf("; it disappears when its %lu remaining users detach", attached);
         std::printf("\n");
     }
     return 0;
@@ -151,7 +166,8 @@ int prune(const Arguments& arguments) {
     if (!arguments.yes) {
         print(rows, arguments);
         std::fflush(stdout);
-        std::fprintf(stderr, "spf-shm: %zu orphan(s) would be removed; add --yes to remove them\n", rows.size());
+        std::fprintf(stderr, "spf-shm: %zu orphan(s) would be removed; add --yes to remove them\n",
+                     rows.size());
         return 0;
     }
     int status = 0;
@@ -160,13 +176,14 @@ int prune(const Arguments& arguments) {
         const Segment& segment = row.segment;
         // A segment taken into use meanwhile is kept, which is no failure; a refused removal is.
         const bool orphan = stillOrphan(segment, why);
-        row.removed = orphan && (segment.sysv ? removeSegment(segment, why) : unlinkObject(segment, why));
+        row.removed =
+            orphan && (segment.sysv ? removeSegment(segment, why) : unlinkObject(segment, why));
         if (!*row.removed) {
             std::fprintf(stderr, "spf-shm: kept %s: %s\n", label(segment).c_str(), why.c_str());
             if (orphan) status = 1;
         } else {
-            std::fprintf(arguments.json ? stderr : stdout, "removed %s (%s)\n", label(segment).c_str(),
-                         segment.sysv ? "System V" : "POSIX");
+            std::fprintf(arguments.json ? stderr : stdout, "removed %s (%s)\n",
+                         label(segment).c_str(), segment.sysv ? "System V" : "POSIX");
         }
     }
     if (arguments.json) printJson(rows);

@@ -14,9 +14,9 @@ namespace spfshm {
 namespace {
 
 struct Fact {
-    const char* key;    // JSON key; the detailed view turns "_" into " "
-    std::string json;   // the value as JSON
-    std::string text;   // the value for people; empty: not shown
+    const char* key;   // JSON key; the detailed view turns "_" into " "
+    std::string json;  // the value as JSON
+    std::string text;  // the value for people; empty: not shown
 };
 
 std::string quoted(const std::string& text) {
@@ -38,7 +38,8 @@ std::string quoted(const std::string& text) {
 
 // Control characters in a name would break the table's lines.
 std::string printable(std::string text) {
-    std::replace_if(text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, '?');
+    std::replace_if(
+        text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, '?');
     return text;
 }
 
@@ -72,8 +73,10 @@ std::string humanSize(unsigned long long bytes) {
     int unit = 0;
     while (value >= 1024 && unit < 6) value /= 1024, ++unit;
     char text[16];
-    if (unit == 0) std::snprintf(text, sizeof text, "%llu", bytes);
-    else std::snprintf(text, sizeof text, value < 10 ? "%.1f%c" : "%.0f%c", value, units[unit]);
+    if (unit == 0)
+        std::snprintf(text, sizeof text, "%llu", bytes);
+    else
+        std::snprintf(text, sizeof text, value < 10 ? "%.1f%c" : "%.0f%c", value, units[unit]);
     return text;
 }
 
@@ -112,9 +115,12 @@ std::vector<Fact> facts(const Row& row) {
         {"uid", number(s.uid), ""},
         {"group", quoted(groupName(s.gid)), groupName(s.gid)},
         {"gid", number(s.gid), ""},
-        {"trustee", orNull(trusted, quoted(groupName(s.gid))), trusted ? groupName(s.gid) : "(none)"},
-        {"creator_uid", orNull(v, number(s.creatorUid)), v ? number(s.creatorUid) + " (" + userName(s.creatorUid) + ")" : ""},
-        {"creator_gid", orNull(v, number(s.creatorGid)), v ? number(s.creatorGid) + " (" + groupName(s.creatorGid) + ")" : ""},
+        {"trustee", orNull(trusted, quoted(groupName(s.gid))),
+         trusted ? groupName(s.gid) : "(none)"},
+        {"creator_uid", orNull(v, number(s.creatorUid)),
+         v ? number(s.creatorUid) + " (" + userName(s.creatorUid) + ")" : ""},
+        {"creator_gid", orNull(v, number(s.creatorGid)),
+         v ? number(s.creatorGid) + " (" + groupName(s.creatorGid) + ")" : ""},
         {"mode", quoted(octal(s.mode)), octal(s.mode)},
         {"size", number(s.size), number(s.size)},
         {"attached", orNull(v, number(s.attached)), v ? number(s.attached) : ""},
@@ -122,7 +128,8 @@ std::vector<Fact> facts(const Row& row) {
         {"last_pid", orNull(v, number(s.lastPid)), v ? number(s.lastPid) : ""},
         {"users", pids + "]", pidText.empty() ? "(none found)" : pidText},
         {"state", quoted(row.state), row.state},
-        {"marked_for_removal", s.markedForRemoval ? "true" : "false", v && s.markedForRemoval ? "yes" : ""},
+        {"marked_for_removal", s.markedForRemoval ? "true" : "false",
+         v && s.markedForRemoval ? "yes" : ""},
         {"changed", number(static_cast<long long>(s.changed)), changed},
         {"age", number(age(s)), humanAge(age(s))},
     };
@@ -146,11 +153,11 @@ void printTable(const std::vector<Row>& rows, bool exactSizes) {
         {"TYPE", "NAME", "ID", "OWNER", "GROUP", "MODE", "SIZE", "USERS", "STATE", "AGE"}};
     for (const Row& row : rows) {
         const Segment& s = row.segment;
-        cells.push_back({s.sysv ? "sysv" : "posix", s.sysv ? hexKey(s.key) : "/" + printable(s.name),
-                         s.sysv ? std::to_string(s.id) : "-", userName(s.uid), groupName(s.gid),
-                         octal(s.mode), exactSizes ? std::to_string(s.size) : humanSize(s.size),
-                         std::to_string(s.sysv ? s.attached : row.users.size()), row.state,
-                         humanAge(age(s))});
+        cells.push_back(
+            {s.sysv ? "sysv" : "posix", s.sysv ? hexKey(s.key) : "/" + printable(s.name),
+             s.sysv ? std::to_string(s.id) : "-", userName(s.uid), groupName(s.gid), octal(s.mode),
+             exactSizes ? std::to_string(s.size) : humanSize(s.size),
+             std::to_string(s.sysv ? s.attached : row.users.size()), row.state, humanAge(age(s))});
     }
     std::vector<std::size_t> width(cells[0].size(), 0);
     for (const auto& line : cells)

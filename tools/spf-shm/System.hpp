@@ -45,8 +45,8 @@ struct Usage {
     std::unordered_map<ino_t, std::vector<pid_t>> posix;  // inode on the /dev/shm file system
     std::unordered_map<int, std::vector<pid_t>> sysv;     // System V id
     std::unordered_set<pid_t> alive;                      // every live process (no zombies)
-    std::size_t unreadable = 0;     // processes whose descriptors or maps could not be read
-    bool everyProcessSeen = true;   // false: /proc hides other users' processes
+    std::size_t unreadable = 0;    // processes whose descriptors or maps could not be read
+    bool everyProcessSeen = true;  // false: /proc hides other users' processes
 };
 Usage scanProcesses();
 

@@ -63,7 +63,8 @@ void readMaps(const std::string& maps, pid_t pid, dev_t objects, Usage& usage) {
         unsigned major, minor;
         unsigned long inode;
         int path = 0;
-        if (std::sscanf(line.c_str(), "%*s %*s %*s %x:%x %lu %n", &major, &minor, &inode, &path) < 3 ||
+        if (std::sscanf(line.c_str(), "%*s %*s %*s %x:%x %lu %n", &major, &minor, &inode, &path) <
+                3 ||
             inode == 0) {
             continue;
         }
@@ -102,7 +103,8 @@ void scanProcess(int process, pid_t pid, dev_t objects, Usage& usage) {
     char runState = 'X';
     unsigned long flags = 0;
     if (comm == std::string::npos ||
-        std::sscanf(text.c_str() + comm + 1, " %c %*d %*d %*d %*d %*d %lu", &runState, &flags) != 2 ||
+        std::sscanf(text.c_str() + comm + 1, " %c %*d %*d %*d %*d %*d %lu", &runState, &flags) !=
+            2 ||
         runState == 'Z' || runState == 'X' || (flags & kKernelThread) != 0) {
         return;  // zombies and kernel threads hold no segment
     }
@@ -127,7 +129,8 @@ Usage scanProcesses() {
     }
     while (const dirent* entry = ::readdir(proc)) {
         if (!std::isdigit(static_cast<unsigned char>(entry->d_name[0]))) continue;
-        const int process = ::openat(::dirfd(proc), entry->d_name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        const int process =
+            ::openat(::dirfd(proc), entry->d_name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         if (process < 0) continue;
         scanProcess(process, static_cast<pid_t>(std::atoi(entry->d_name)), objects, usage);
         ::close(process);
