@@ -5,6 +5,13 @@ tool=$1
 if [ "$(id -u)" -ne 0 ]; then
     echo "needs root to look as user nobody and to remove other users' segments"; exit 77
 fi
+# Whether a segment is an orphan depends on every process of the host, and root may still be
+# refused some of them (a sandbox's init), which honestly makes the answer "unknown". So the
+# scenarios run in PID, IPC and mount namespaces of their own, where every process is ours.
+if [ -z "${SPFT_TOOL_NAMESPACE:-}" ]; then
+    exec env SPFT_TOOL_NAMESPACE=1 unshare --ipc --mount --pid --fork --mount-proc \
+        sh -c 'mount -t tmpfs -o mode=1777 tmpfs /dev/shm && exec "$0" "$@"' "$0" "$@"
+fi
 n=spft-tool-$$
 failures=0 out=$(mktemp) err=$(mktemp) held=$(mktemp)
 cleanup() {
