@@ -16,6 +16,7 @@ set(CPACK_PACKAGE_DESCRIPTION
 (System V or POSIX) with an owner and an optional trustee group, and spf-shm, the
 command-line tool that lists, inspects and removes such segments.")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
 
 set(CPACK_DEBIAN_PACKAGE_NAME spf-sharedmemory)
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)

@@ -8,7 +8,7 @@ function(step)
     endif()
 endfunction()
 
-step(${CMAKE_COMMAND} -S ${CMAKE_CURRENT_LIST_DIR} -B ${WORK_DIR}/cmake-build
+step(${CMAKE_COMMAND} -S ${CMAKE_CURRENT_LIST_DIR} -B ${WORK_DIR}/cmake-build --log-level=WARNING
      -DCMAKE_PREFIX_PATH=${ROOT}/usr -DCMAKE_FIND_USE_CMAKE_SYSTEM_PATH=OFF)
 step(${CMAKE_COMMAND} --build ${WORK_DIR}/cmake-build)
 step(${WORK_DIR}/cmake-build/consumer find_package)
