@@ -1,4 +1,5 @@
-# cmake -P script behind the consumer test; see consumer.cmake.
+# cmake -P script: builds and runs an outside program against ROOT, the unpacked Debian package,
+# once through the CMake package and once through pkg-config.
 function(step)
     execute_process(COMMAND ${ARGN} RESULT_VARIABLE code)
     if(NOT code EQUAL 0)
@@ -7,46 +8,34 @@ function(step)
     endif()
 endfunction()
 
-file(REMOVE_RECURSE ${WORK_DIR})
-set(prefix ${WORK_DIR}/prefix)
-# The install needs the whole build: build everything (not only the tests) before ctest.
-step(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
-
-step(${CMAKE_COMMAND} -S ${SOURCE_DIR} -B ${WORK_DIR}/cmake-build
-     -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_CXX_COMPILER=${CXX}
-     "-DCMAKE_CXX_FLAGS=${CXX_FLAGS}" "-DCMAKE_EXE_LINKER_FLAGS=${LINKER_FLAGS}")
+step(${CMAKE_COMMAND} -S ${CMAKE_CURRENT_LIST_DIR} -B ${WORK_DIR}/cmake-build --log-level=WARNING
+     -DCMAKE_PREFIX_PATH=${ROOT}/usr -DCMAKE_FIND_USE_CMAKE_SYSTEM_PATH=OFF)
 step(${CMAKE_COMMAND} --build ${WORK_DIR}/cmake-build)
 step(${WORK_DIR}/cmake-build/consumer find_package)
 
-# The .pc file records the prefix the build was configured for; point it at this one.
-file(GLOB_RECURSE pcFile ${prefix}/*/spf-sharedmemory.pc)
-if(NOT pcFile)
-    message(FATAL_ERROR "spf-sharedmemory.pc was not installed under ${prefix}")
+# The .pc file names /usr, as it will once installed; the sysroot points it at ROOT.
+file(GLOB_RECURSE pcFile ${ROOT}/*/spf-sharedmemory.pc)
+file(READ "${pcFile}" pc)
+if(NOT pc MATCHES "^prefix=/usr\n" OR pc MATCHES "Libs.private|/\\.\\.|//")
+    message(FATAL_ERROR "${pcFile} should name /usr in plain paths and no Libs.private:\n${pc}")
 endif()
-get_filename_component(pcDir ${pcFile} DIRECTORY)
-set(ENV{PKG_CONFIG_PATH} ${pcDir})
-foreach(query "--cflags;--libs" "--variable=libdir")
-    execute_process(COMMAND pkg-config --define-variable=prefix=${prefix} ${query} spf-sharedmemory
-                    OUTPUT_VARIABLE answer OUTPUT_STRIP_TRAILING_WHITESPACE RESULT_VARIABLE code)
-    if(NOT code EQUAL 0)
-        message(FATAL_ERROR "pkg-config ${query} spf-sharedmemory failed (${code})")
-    endif()
-    list(APPEND answers "${answer}")
-endforeach()
-list(GET answers 0 pkgFlags)
-list(GET answers 1 libDir)
-separate_arguments(pkgFlags UNIX_COMMAND "${pkgFlags}")
-separate_arguments(cxxFlags UNIX_COMMAND "${CXX_FLAGS}")
-separate_arguments(linkerFlags UNIX_COMMAND "${LINKER_FLAGS}")
-step(${CXX} -std=c++17 -Wall -Wextra -Wpedantic -Werror ${cxxFlags} ${SOURCE_DIR}/main.cpp
-     ${pkgFlags} ${linkerFlags} -Wl,-rpath,${libDir} -o ${WORK_DIR}/consumer-pkgconfig)
+get_filename_component(pcDir "${pcFile}" DIRECTORY)
+set(ENV{PKG_CONFIG_LIBDIR} ${pcDir})
+set(ENV{PKG_CONFIG_SYSROOT_DIR} ${ROOT})
+execute_process(COMMAND pkg-config --cflags --libs spf-sharedmemory COMMAND_ERROR_IS_FATAL ANY
+                OUTPUT_VARIABLE flags OUTPUT_STRIP_TRAILING_WHITESPACE)
+string(REPLACE "${ROOT}" "<root>" shown "${flags}")
+if(NOT shown MATCHES "^-I<root>/usr/include -L<root>(/usr/[^ ]+) -lspf_sharedmemory$")
+    message(FATAL_ERROR "pkg-config --cflags --libs spf-sharedmemory printed <${flags}>")
+endif()
+separate_arguments(flags UNIX_COMMAND "${flags}")
+step(c++ -std=c++17 -Wall -Wextra -Wpedantic -Werror ${CMAKE_CURRENT_LIST_DIR}/main.cpp ${flags}
+     -Wl,-rpath,${ROOT}${CMAKE_MATCH_1} -o ${WORK_DIR}/consumer-pkgconfig)
 step(${WORK_DIR}/consumer-pkgconfig pkg-config)
 
-# The installed tool finds the installed library on its own.
-if(EXISTS ${prefix}/bin/spf-shm)
-    execute_process(COMMAND ${prefix}/bin/spf-shm name seg grp OUTPUT_VARIABLE derived
-                    RESULT_VARIABLE code OUTPUT_STRIP_TRAILING_WHITESPACE)
-    if(NOT code EQUAL 0 OR NOT derived STREQUAL "a758e1b41c007852")
-        message(FATAL_ERROR "installed spf-shm: exit ${code}, output <${derived}>")
-    endif()
+# The packaged tool finds the packaged library on its own.
+execute_process(COMMAND ${ROOT}/usr/bin/spf-shm name seg grp OUTPUT_VARIABLE derived
+                RESULT_VARIABLE code OUTPUT_STRIP_TRAILING_WHITESPACE)
+if(NOT code EQUAL 0 OR NOT derived STREQUAL "a758e1b41c007852")
+    message(FATAL_ERROR "packaged spf-shm: exit ${code}, output <${derived}>")
 endif()
