@@ -10,7 +10,8 @@
 #include <functional>
 #include <string>
 
-#include "handle/SegmentName.hpp"
+#include "agent/spf/sharedmemory/SharedMemory.hpp"
+#include "core/Hash.hpp"
 
 namespace sm = agent::spf::sharedmemory;
 

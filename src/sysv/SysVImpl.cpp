@@ -9,7 +9,7 @@
 #include <stdexcept>
 
 #include "core/Report.hpp"
-#include "handle/SegmentName.hpp"
+#include "core/Hash.hpp"
 
 namespace agent::spf::sharedmemory {
 
