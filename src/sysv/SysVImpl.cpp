@@ -34,20 +34,6 @@ SharedMemory::SysVImpl::SysVImpl(const std::string& name, unsigned long size, bo
 
 SharedMemory::SysVImpl::~SysVImpl() { destruct(); }
 
-void SharedMemory::SysVImpl::open(int opened, const std::string& requestedTrustee) {
-    handle = opened;
-    try {
-        trustee = setTrustee(requestedTrustee);
-        pointer = attach();
-    } catch (...) {
-        // setTrustee() and attach() give the segment up on their own failures; this covers what
-        // passes through them (a finder's trustee query, an allocation failure), so that a
-        // creator's new segment never outlives the failed construction.
-        removeAndClose();
-        throw;
-    }
-}
-
 int SharedMemory::SysVImpl::create() {
     const int id = ::shmget(segmentKey(name), size, IPC_CREAT | IPC_EXCL | S_IRWXU);
     if (id != -1) {
