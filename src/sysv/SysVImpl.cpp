@@ -70,12 +70,10 @@ void* SharedMemory::SysVImpl::attach() {
     if (address != reinterpret_cast<void*>(-1)) {
         return address;
     }
-    report<std::runtime_error>(
-        [&] {
-            removeAndClose();
-            return "SystemError:SharedMemory:attach:shmat" + name + ":error=" + errorNumber(errno);
-        },
-        "attach(): Failed to attach the segment: <", name, ">. (Error ", errno, ")");
+    writeRecord("attach(): Failed to attach the segment: <", name, ">. (Error ", errno, ")");
+    removeAndClose();
+    throw std::runtime_error("SystemError:SharedMemory:attach:shmat" + name +
+                             ":error=" + errorNumber(errno));
 }
 
 void SharedMemory::SysVImpl::detach() {
