@@ -8,8 +8,8 @@
 #include <cstdint>
 #include <stdexcept>
 
-#include "core/Report.hpp"
 #include "core/Hash.hpp"
+#include "core/Report.hpp"
 
 namespace agent::spf::sharedmemory {
 
