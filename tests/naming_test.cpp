@@ -8,7 +8,7 @@
 
 #include "Processes.hpp"
 #include "agent/spf/sharedmemory/SharedMemory.hpp"
-#include "handle/SegmentName.hpp"
+#include "core/Hash.hpp"
 
 namespace sm = agent::spf::sharedmemory;
 

@@ -14,6 +14,24 @@ SharedMemory::Impl::Impl(const std::string& name, unsigned long size, bool creat
 
 SharedMemory::Impl::~Impl() = default;
 
+void SharedMemory::Impl::open(int opened, const std::string& requestedTrustee) {
+    handle = opened;
+    try {
+        trustee = setTrustee(requestedTrustee);
+        pointer = attach();
+    } catch (...) {
+        // The failures of setTrustee() and attach() give the segment up themselves; what passes
+        // through them (a finder's trustee query, an allocation failure) must not leave a
+        // creator's new segment or an open descriptor behind either.
+        abandon();
+        throw;
+    }
+}
+
+void SharedMemory::Impl::abandon() noexcept {
+    removeAndClose();
+}
+
 void SharedMemory::Impl::makePersistent() {
     if (creator) {
         markedForDeletion = false;

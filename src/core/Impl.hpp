@@ -1,6 +1,6 @@
 // The back-end interface behind SharedMemory: the state of one open segment, the eight
-// operations a back end supplies, and what both back ends share (create-or-find, the deletion
-// flags, teardown).
+// operations a back end supplies, and what both back ends share (the opening sequence,
+// create-or-find, the deletion flags, teardown).
 #ifndef SPF_SHAREDMEMORY_CORE_IMPL_HPP
 #define SPF_SHAREDMEMORY_CORE_IMPL_HPP
 
@@ -42,6 +42,16 @@ public:
     bool isAttached() const noexcept { return pointer != nullptr; }
     void markForDeletion() noexcept { markedForDeletion = true; }
     void makePersistent();
+
+    // The rest of every back end's construction once `opened` (a handle, or -1) is known:
+    // stores it, settles the trustee and attaches. Whatever escapes gives the segment up
+    // through abandon() and passes on, so that a failed construction leaves nothing behind.
+    void open(int opened, const std::string& requestedTrustee);
+    // Gives up a segment that a construction has opened: removeAndClose(), plus whatever else a
+    // back end holds that removeAndClose() leaves open. Never throws; errno is left as
+    // removeAndClose() leaves it, so that a text built afterwards reads what the failure (or a
+    // failed removal) set.
+    virtual void abandon() noexcept;
 
     bool tryCreateOrFind(int& handle);
     int createOrFind();

@@ -1,6 +1,6 @@
 // Failure reporting: every failure of the library is one record on the diagnostic channel,
-// then an exception. Every failure site goes through report() below; none formats its own
-// record.
+// then an exception. Every record is written by writeRecord() below; report() joins it to the
+// throw for the sites that do nothing in between.
 #ifndef SPF_SHAREDMEMORY_CORE_REPORT_HPP
 #define SPF_SHAREDMEMORY_CORE_REPORT_HPP
 
@@ -56,8 +56,10 @@ void writeRecord(const Pieces&... pieces) noexcept {
     writeKeptPieces<Pieces...>(pieces...);
 }
 
-// Builds the exception text when it is a callable, so that anything it reads (errno after a
-// clean-up, the owner of a segment) is read after the record was written.
+// Builds the exception text when it is a callable, so that what it reads (errno, the owner of
+// a segment that could not be opened) is read after the record was written. A text only reads:
+// a site that must give its segment up between the record and the text writes the three steps
+// out itself (writeRecord(), the clean-up, then throw), so that the order is there to see.
 template <typename Text>
 std::string exceptionText(Text&& text) {
     if constexpr (std::is_invocable_v<Text>) {

@@ -3,7 +3,6 @@
 #include <stdexcept>
 #include <utility>
 
-#include "handle/SegmentName.hpp"
 #include "posix/PosixImpl.hpp"
 #include "sysv/SysVImpl.hpp"
 

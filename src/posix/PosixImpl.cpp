@@ -28,20 +28,6 @@ SharedMemory::PosixImpl::PosixImpl(const std::string& name, unsigned long size, 
 
 SharedMemory::PosixImpl::~PosixImpl() { destruct(); }
 
-void SharedMemory::PosixImpl::open(int opened, const std::string& requestedTrustee) {
-    handle = opened;
-    try {
-        trustee = setTrustee(requestedTrustee);
-        pointer = attach();
-    } catch (...) {
-        // The failures of setTrustee() and attach() give the object up themselves; what is
-        // left here (a finder's trustee query throwing, an allocation failure) must not leave
-        // an open descriptor or a creator's new object behind either.
-        abandon();
-        throw;
-    }
-}
-
 int SharedMemory::PosixImpl::create() {
     const int descriptor = ::shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL, S_IRWXU);
     if (descriptor != -1) {

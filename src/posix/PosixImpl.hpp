@@ -23,17 +23,16 @@ public:
     void* attach() override;
     void detach() override;
     void removeAndClose() override;
+    // removeAndClose(), then closes the descriptor that it forgot; errno is kept across the
+    // close, so the texts that follow read what the failure (or a failed unlink) left.
+    void abandon() noexcept override;
 
     // True once the object holds at least `size` bytes, false while it is empty. Throws (after
     // giving the object up) on a failed fstat or a size between the two.
     bool isTruncated();
 
 private:
-    void open(int opened, const std::string& requestedTrustee);
     void sizeEmptyObject();
-    // removeAndClose(), then closes the descriptor that it forgot; errno is kept so the texts
-    // that follow read what the failure (or a failed unlink) left.
-    void abandon() noexcept;
     std::string describeOpenFailure(int error) const;
 };
 

@@ -18,16 +18,15 @@ std::string SharedMemory::PosixImpl::setTrustee(const std::string& requested) {
         return creator ? std::string() : getTrustee();
     }
     // Finders look the group up too: a name that is no group is a caller's error either way.
+    // Each failure below writes its record, gives the object up, and only then builds its
+    // text, whose number is read after the clean-up.
     const LookupResult<gid_t> group = lookupGroupId(requested);
     if (group.code != 0) {
-        report<std::invalid_argument>(
-            [&] {
-                abandon();
-                return "SystemError:SharedMemory:getgrnam:trustee=" + requested +
-                       ":error= " + errorNumber(group.code);
-            },
-            "setTrustee(): Failed to find the specified group: <", requested, ">. (Error ",
-            group.code, ")");
+        writeRecord("setTrustee(): Failed to find the specified group: <", requested, ">. (Error ",
+                    group.code, ")");
+        abandon();
+        throw std::invalid_argument("SystemError:SharedMemory:getgrnam:trustee=" + requested +
+                                    ":error= " + errorNumber(group.code));
     }
     if (!creator) {
         if (getTrustee() == requested) {
@@ -39,30 +38,25 @@ std::string SharedMemory::PosixImpl::setTrustee(const std::string& requested) {
     // The group changes before the group class gains any permission, so at no moment does the
     // old group have access.
     if (::fchown(handle, ::getuid(), group.item) == -1) {
-        report<std::runtime_error>(
-            [&] {
-                abandon();
-                return "SystemError:SharedMemory:setTrustee:fchown " + requested +
-                       ":error=" + errorNumber(errno);
-            },
-            "setTrustee(): Failed to change the group to: <", requested, ">. (Error ", errno, ")");
+        writeRecord("setTrustee(): Failed to change the group to: <", requested, ">. (Error ",
+                    errno, ")");
+        abandon();
+        throw std::runtime_error("SystemError:SharedMemory:setTrustee:fchown " + requested +
+                                 ":error=" + errorNumber(errno));
     }
     struct stat status;
     if (::fstat(handle, &status) == -1) {
-        report<std::runtime_error>(
-            [&] {
-                abandon();
-                return "SystemError:SharedMemory:setTrustee:fstat" + name + ":error=" + errorNumber(errno);
-            },
-            "setTrustee(): Failed to stat the segment: <", name, ">. (Error ", errno, ")");
+        writeRecord("setTrustee(): Failed to stat the segment: <", name, ">. (Error ", errno, ")");
+        abandon();
+        throw std::runtime_error("SystemError:SharedMemory:setTrustee:fstat" + name +
+                                 ":error=" + errorNumber(errno));
     }
     if (::fchmod(handle, status.st_mode | S_IRWXG) == -1) {
-        report<std::runtime_error>(
-            [&] {
-                abandon();
-                return "SystemError:SharedMemory:setTrustee:fchmod" + trustee + ":error=" + errorNumber(errno);
-            },
-            "setTrustee(): Failed to change permissions to include the group. (Error ", errno, ")");
+        writeRecord("setTrustee(): Failed to change permissions to include the group. (Error ",
+                    errno, ")");
+        abandon();
+        throw std::runtime_error("SystemError:SharedMemory:setTrustee:fchmod" + trustee +
+                                 ":error=" + errorNumber(errno));
     }
     return requested;
 }

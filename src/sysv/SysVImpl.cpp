@@ -8,8 +8,8 @@
 #include <cstdint>
 #include <stdexcept>
 
+#include "core/Hash.hpp"
 #include "core/Report.hpp"
-#include "handle/SegmentName.hpp"
 
 namespace agent::spf::sharedmemory {
 
@@ -33,20 +33,6 @@ SharedMemory::SysVImpl::SysVImpl(const std::string& name, unsigned long size, bo
 }
 
 SharedMemory::SysVImpl::~SysVImpl() { destruct(); }
-
-void SharedMemory::SysVImpl::open(int opened, const std::string& requestedTrustee) {
-    handle = opened;
-    try {
-        trustee = setTrustee(requestedTrustee);
-        pointer = attach();
-    } catch (...) {
-        // setTrustee() and attach() give the segment up on their own failures; this covers what
-        // passes through them (a finder's trustee query, an allocation failure), so that a
-        // creator's new segment never outlives the failed construction.
-        removeAndClose();
-        throw;
-    }
-}
 
 int SharedMemory::SysVImpl::create() {
     const int id = ::shmget(segmentKey(name), size, IPC_CREAT | IPC_EXCL | S_IRWXU);
@@ -84,12 +70,10 @@ void* SharedMemory::SysVImpl::attach() {
     if (address != reinterpret_cast<void*>(-1)) {
         return address;
     }
-    report<std::runtime_error>(
-        [&] {
-            removeAndClose();
-            return "SystemError:SharedMemory:attach:shmat" + name + ":error=" + errorNumber(errno);
-        },
-        "attach(): Failed to attach the segment: <", name, ">. (Error ", errno, ")");
+    writeRecord("attach(): Failed to attach the segment: <", name, ">. (Error ", errno, ")");
+    removeAndClose();
+    throw std::runtime_error("SystemError:SharedMemory:attach:shmat" + name +
+                             ":error=" + errorNumber(errno));
 }
 
 void SharedMemory::SysVImpl::detach() {

@@ -26,7 +26,6 @@ public:
     void removeAndClose() override;
 
 private:
-    void open(int opened, const std::string& requestedTrustee);
     std::string describeOpenFailure(int error) const;
 };
 

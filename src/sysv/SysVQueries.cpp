@@ -100,57 +100,6 @@ std::string SharedMemory::SysVImpl::getTrustee() const {
     return std::string(entry->gr_name);
 }
 
-std::string SharedMemory::SysVImpl::setTrustee(const std::string& requested) {
-    if (handle == -1) {
-        return std::string();
-    }
-    if (requested.empty()) {
-        return creator ? std::string() : getTrustee();
-    }
-    errno = 0;
-    const group* entry = ::getgrnam(requested.c_str());
-    if (entry == nullptr) {
-        report<std::invalid_argument>(
-            [&] {
-                removeAndClose();
-                return "SystemError:SharedMemory:getgrnam:trustee=" + requested + ":error= " +
-                       errorNumber(errno);
-            },
-            "setTrustee(): Failed to find the specified group: <", requested, ">. (Error ", errno,
-            ")");
-    }
-    const gid_t gid = entry->gr_gid;
-    if (!creator) {
-        if (getTrustee() == requested) {
-            return requested;
-        }
-        removeAndClose();
-        return std::string();
-    }
-    shmid_ds status;
-    if (::shmctl(handle, IPC_STAT, &status) == -1) {
-        report<std::runtime_error>(
-            [&] {
-                removeAndClose();
-                return "SystemError:SharedMemory:setTrustee:shmctl(IPC_STAT)" + name +
-                       ":error=" + errorNumber(errno);
-            },
-            "setTrustee(): Failed to stat the segment: <", name, ">. (Error ", errno, ")");
-    }
-    status.shm_perm.gid = gid;
-    status.shm_perm.mode |= S_IRWXG;
-    if (::shmctl(handle, IPC_SET, &status) == -1) {
-        report<std::runtime_error>(
-            [&] {
-                removeAndClose();
-                return "SystemError:SharedMemory:setTrustee:shmctl(IPC_SET)" + name +
-                       ":error=" + errorNumber(errno);
-            },
-            "setTrustee(): Failed to set the new permissions: <", name, ">. (Error ", errno, ")");
-    }
-    return requested;
-}
-
 std::string SharedMemory::SysVImpl::describeOpenFailure(int error) const {
     // `handle` holds nothing yet, so the owner and group come from the kernel's table by key;
     // a piece that cannot be learned stays empty rather than replacing this failure.

@@ -1,13 +1,12 @@
-// System-wide segment names: every process that shares a segment derives the same name, so the
-// hash is fixed here step by step rather than borrowed from whatever the standard library uses.
-#ifndef SPF_SHAREDMEMORY_HANDLE_SEGMENTNAME_HPP
-#define SPF_SHAREDMEMORY_HANDLE_SEGMENTNAME_HPP
+// The string hash that names segments and keys System V segments. Every process that shares a
+// segment must compute the same value, so the hash is fixed here step by step rather than
+// borrowed from whatever the standard library of a build happens to use.
+#ifndef SPF_SHAREDMEMORY_CORE_HASH_HPP
+#define SPF_SHAREDMEMORY_CORE_HASH_HPP
 
 #include <cstddef>
 #include <cstdint>
 #include <string>
-
-#include "agent/spf/sharedmemory/SharedMemory.hpp"
 
 namespace agent::spf::sharedmemory {
 
@@ -20,9 +19,6 @@ inline std::uint64_t hashString(const std::string& text) noexcept {
 
 // The hash of `text` in lowercase hexadecimal without leading zeros; empty for an empty text.
 std::string hashToHexString(const std::string& text);
-
-// deriveSegmentName() (public) hashes trustee + name + "t", or, with an empty trustee,
-// getCurrentUserName() + name + "u".
 
 }  // namespace agent::spf::sharedmemory
 
