@@ -1,133 +1,114 @@
-#include "Leaks.hpp"
-
 #include <dirent.h>
-#include <sys/mman.h>
-#include <sys/shm.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <atomic>
 #include <fstream>
+#include <map>
+#include <set>
 #include <sstream>
+
+#include "Support.hpp"
 
 namespace spf_test {
 namespace {
 
-template <typename Visit>
-void forEachSysvLine(Visit visit) {
-    std::ifstream table("/proc/sysvipc/shm");
-    std::string line;
-    std::getline(table, line);  // header
-    while (std::getline(table, line)) {
-        std::istringstream fields(line);
-        long long key;
-        int id;
-        unsigned mode;
-        unsigned long long size;
-        long long cpid, lpid, nattch;
-        unsigned long uid, gid;
-        fields >> key >> id >> std::oct >> mode >> std::dec >> size >> cpid >> lpid >> nattch >> uid >> gid;
-        if (fields) {
-            visit(static_cast<key_t>(key), id, Ownership{mode & 0777, static_cast<uid_t>(uid),
-                                                         static_cast<gid_t>(gid), size});
-        }
+std::set<std::string> entries(const char* directory) {
+    std::set<std::string> names;
+    if (DIR* open = ::opendir(directory)) {
+        while (const dirent* entry = ::readdir(open)) names.insert(entry->d_name);
+        ::closedir(open);
     }
+    names.erase(".");
+    names.erase("..");
+    return names;
 }
 
-std::string objectPath(const std::string& segmentName) {
-    const auto start = segmentName.find_first_not_of('/');
-    return "/dev/shm/" + (start == std::string::npos ? std::string() : segmentName.substr(start));
+// The System V table by identifier: key and ownership of every segment.
+std::map<int, std::pair<key_t, Ownership>> sysvTable() {
+    std::map<int, std::pair<key_t, Ownership>> table;
+    std::ifstream file("/proc/sysvipc/shm");
+    std::string line;
+    std::getline(file, line);  // header
+    while (std::getline(file, line)) {
+        std::istringstream fields(line);
+        long long key, cpid, lpid, nattch;
+        int id;
+        Ownership entry;
+        fields >> key >> id >> std::oct >> entry.mode >> std::dec >> entry.size >> cpid >> lpid >>
+            nattch >> entry.uid >> entry.gid;
+        entry.mode &= 0777;
+        table[id] = {static_cast<key_t>(key), entry};
+    }
+    return table;
 }
 
 }  // namespace
 
-int openDescriptorCount() {
-    int count = 0;
-    if (DIR* directory = ::opendir("/proc/self/fd")) {
-        while (const dirent* entry = ::readdir(directory)) {
-            if (entry->d_name[0] != '.') {
-                ++count;
-            }
-        }
-        ::closedir(directory);
-        --count;  // the directory's own descriptor
-    }
-    return count;
+std::string uniqueName(const std::string& tag) {
+    static std::atomic<unsigned> counter{0};
+    return "spft-" + std::to_string(::getpid()) + "-" + std::to_string(counter++) + "-" + tag;
 }
+
+int openDescriptorCount() { return static_cast<int>(entries("/proc/self/fd").size()) - 1; }
 
 int segmentMappingCount() {
     std::ifstream maps("/proc/self/maps");
-    std::string line;
     int count = 0;
-    while (std::getline(maps, line)) {
-        if (line.find(" /dev/shm/") != std::string::npos ||
-            line.find(" /SYSV") != std::string::npos) {
-            ++count;
-        }
+    for (std::string line; std::getline(maps, line);) {
+        count += line.find(" /dev/shm/") != std::string::npos || line.find(" /SYSV") != std::string::npos;
     }
     return count;
 }
 
-std::set<std::string> posixObjects() {
-    std::set<std::string> names;
-    if (DIR* directory = ::opendir("/dev/shm")) {
-        while (const dirent* entry = ::readdir(directory)) {
-            const std::string name = entry->d_name;
-            if (name != "." && name != "..") {
-                names.insert(name);
-            }
+Ownership ownership(const std::string& name, Spec spec) {
+    if (spec == V) {
+        for (const auto& [id, entry] : sysvTable()) {
+            if (entry.first == agent::spf::sharedmemory::deriveSystemVKey(name)) return entry.second;
         }
-        ::closedir(directory);
+        return {};
     }
-    return names;
-}
-
-std::set<int> sysvSegments() {
-    std::set<int> ids;
-    forEachSysvLine([&](key_t, int id, const Ownership&) { ids.insert(id); });
-    return ids;
-}
-
-bool posixObjectExists(const std::string& segmentName) {
     struct stat status;
-    return ::stat(objectPath(segmentName).c_str(), &status) == 0;
+    if (entries("/dev/shm").count(name) == 0 || ::stat(("/dev/shm/" + name).c_str(), &status) != 0) return {};
+    return {static_cast<unsigned>(status.st_mode & 0777), status.st_uid, status.st_gid,
+            static_cast<unsigned long long>(status.st_size)};
 }
 
-bool sysvKeyExists(key_t key) {
-    bool found = false;
-    forEachSysvLine([&](key_t lineKey, int, const Ownership&) { found = found || lineKey == key; });
-    return found;
-}
-
-bool posixOwnership(const std::string& segmentName, Ownership& out) {
-    struct stat status;
-    if (::stat(objectPath(segmentName).c_str(), &status) != 0) {
-        return false;
-    }
-    out = Ownership{static_cast<unsigned>(status.st_mode & 0777), status.st_uid, status.st_gid,
-                    static_cast<unsigned long long>(status.st_size)};
-    return true;
-}
-
-bool sysvOwnership(key_t key, Ownership& out) {
-    bool found = false;
-    forEachSysvLine([&](key_t lineKey, int, const Ownership& entry) {
-        if (lineKey == key) {
-            out = entry;
-            found = true;
-        }
-    });
-    return found;
-}
-
-void removePosixObject(const std::string& segmentName) { ::unlink(objectPath(segmentName).c_str()); }
-
-void removeSysvKey(key_t key) {
-    forEachSysvLine([&](key_t lineKey, int id, const Ownership&) {
-        if (lineKey == key) {
-            ::shmctl(id, IPC_RMID, nullptr);
-        }
-    });
-}
+bool exists(const std::string& name, Spec spec) { return ownership(name, spec).mode != 0; }
 
 }  // namespace spf_test
+
+namespace {
+
+// Around a whole binary: no descriptor, POSIX object or System V segment is left behind.
+class LeakGuard : public ::testing::Environment {
+public:
+    void SetUp() override {
+        descriptors_ = spf_test::openDescriptorCount();
+        objects_ = spf_test::entries("/dev/shm");
+        segments_ = spf_test::sysvTable();
+    }
+    void TearDown() override {
+        EXPECT_EQ(spf_test::openDescriptorCount(), descriptors_) << "descriptors leaked";
+        for (const std::string& name : spf_test::entries("/dev/shm")) {
+            EXPECT_EQ(objects_.count(name), 1u) << "POSIX object left behind: /dev/shm/" << name;
+        }
+        for (const auto& [id, entry] : spf_test::sysvTable()) {
+            EXPECT_EQ(segments_.count(id), 1u) << "System V segment left behind: id " << id;
+        }
+    }
+
+private:
+    int descriptors_ = 0;
+    std::set<std::string> objects_;
+    std::map<int, std::pair<key_t, spf_test::Ownership>> segments_;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    ::testing::InitGoogleTest(&argc, argv);
+    ::testing::AddGlobalTestEnvironment(new LeakGuard);
+    return RUN_ALL_TESTS();
+}
