@@ -1,8 +1,7 @@
 // Arbitrary bytes through the name derivation. Every process that shares a segment derives its
 // name independently, so the hash must stay the standard library's string hash byte for byte,
-// and every derived name must keep the form other processes and tools expect.
-//
-// Input layout: the first byte picks where the rest splits into trustee and name.
+// and every derived name must keep the form other processes and tools expect. The first byte of
+// the input picks where the rest splits into trustee and name.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -17,10 +16,7 @@ namespace sm = agent::spf::sharedmemory;
 namespace {
 
 void require(bool holds, const char* what, const std::string& input) {
-    if (!holds) {
-        std::fprintf(stderr, "%s (input of %zu bytes)\n", what, input.size());
-        std::abort();
-    }
+    if (!holds) std::fprintf(stderr, "%s (input of %zu bytes)\n", what, input.size()), std::abort();
 }
 
 // 1 to 16 lowercase hexadecimal digits without a leading zero.

@@ -25,9 +25,7 @@ using Records = std::vector<std::string>;
                                    error, ")");
 }
 
-std::string thrownFor(int error) {
-    return spf_test::thrown([&] { failLikeAnOperation(error); });
-}
+std::string thrownFor(int error) { return spf_test::thrown([&] { failLikeAnOperation(error); }); }
 
 // LogCapture marks a record that is not at severity 512 on "agent::spf::sharedmemory" as stray.
 TEST(Diagnostics, TheRecordIsThePiecesAndAClosedChannelDropsItButNotTheException) {
@@ -52,9 +50,7 @@ TEST(Diagnostics, ConcurrentFailuresEachWriteOneWholeRecord) {
     constexpr int kThreads = 4, kEach = 200;
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([t] {
-            for (int i = 0; i < kEach; ++i) thrownFor(t * 1000 + i);
-        });
+        threads.emplace_back([t] { for (int i = 0; i < kEach; ++i) thrownFor(t * 1000 + i); });
     }
     for (auto& thread : threads) thread.join();
     const Records records = log.messages();
@@ -67,13 +63,12 @@ TEST(Diagnostics, ConcurrentFailuresEachWriteOneWholeRecord) {
 
 TEST(Diagnostics, FirstUseFromManyThreadsBuildsOneLogger) {
     EXPECT_EQ(spf_test::runInChild([] {
-                  std::vector<std::thread> threads;
-                  std::vector<sm::DiagnosticLogger*> seen(8);
-                  for (int t = 0; t < 8; ++t) threads.emplace_back([&, t] { seen[t] = &sm::getLogger(); });
-                  for (auto& thread : threads) thread.join();
-                  return std::set<sm::DiagnosticLogger*>(seen.begin(), seen.end()).size() == 1 ? 0 : 1;
-              }),
-              0);
+        std::vector<std::thread> threads;
+        std::vector<sm::DiagnosticLogger*> seen(8);
+        for (int t = 0; t < 8; ++t) threads.emplace_back([&, t] { seen[t] = &sm::getLogger(); });
+        for (auto& thread : threads) thread.join();
+        return std::set<sm::DiagnosticLogger*>(seen.begin(), seen.end()).size() == 1 ? 0 : 1;
+    }), 0);
 }
 
 // A handle with static storage duration may fail in its teardown after the logger is gone. The
@@ -101,20 +96,13 @@ TEST(Diagnostics, RecordsAfterTheLoggerIsDestroyedAreDropped) {
     // The binary's own path, not /proc/self/exe: under Valgrind that names Valgrind.
     char self[4096] = {};
     ASSERT_GT(::readlink("/proc/self/exe", self, sizeof self - 1), 0);
-    int fds[2];
-    ASSERT_EQ(::pipe(fds), 0);
-    const int code = spf_test::runInChild([&] {
-        ::close(fds[0]);
-        ::setenv("SPF_LATE_FAILURE_PROBE", std::to_string(fds[1]).c_str(), 1);
+    spf_test::Pipe verdict;
+    EXPECT_EQ(spf_test::runInChild([&] {
+        ::setenv("SPF_LATE_FAILURE_PROBE", std::to_string(verdict.fds[1]).c_str(), 1);
         ::execl(self, "diagnostics_test", static_cast<char*>(nullptr));
         return 99;
-    });
-    ::close(fds[1]);
-    char verdict[16] = {};
-    EXPECT_GT(::read(fds[0], verdict, sizeof verdict - 1), 0);
-    ::close(fds[0]);
-    EXPECT_EQ(code, 0);
-    EXPECT_STREQ(verdict, "dropped");
+    }), 0);
+    EXPECT_EQ(verdict.receive(), "dropped");
 }
 
 }  // namespace

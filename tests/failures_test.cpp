@@ -5,7 +5,6 @@
 #include <boost/log/attributes/function.hpp>
 #include <boost/log/core/core.hpp>
 #include <gtest/gtest.h>
-#include <pwd.h>
 #include <sys/ipc.h>
 #include <unistd.h>
 
@@ -42,7 +41,7 @@ struct Row {
     Step step = Open;
     std::vector<Fault> faults = {};
     // "attached", "unattached", "closed", or the exception. {N}: the segment name as the back end
-    // receives it; {U}: the user name of this process; {E}: its current username.
+    // receives it; {E}: the current username.
     std::string outcome = "attached";
     std::vector<std::string> records = {};
 };
@@ -55,9 +54,9 @@ Fault failShmctl(int command, int error, bool performFirst = false) {
 std::string R(const std::string& text) { return "runtime_error: SystemError:SharedMemory:" + text; }
 std::string I(const std::string& text) { return "invalid_argument: SystemError:SharedMemory:getgrnam:trustee=" + text; }
 
-const std::string kLongTrustee(10 * 1024, 'g');
 const char* const kRefused = ">, owning group=<>, owning user=<>, selected group=<>, current username=<{E}>, error=22";
-const char* const kTripped = "createOrFind:{N}:the segment could be neither created nor found after 10000 attempts:error=2";
+const char* const kTripped =
+    "createOrFind:{N}:the segment could be neither created nor found after 10000 attempts:error=2";
 const char* const kTrippedRecord =
     "createOrFind(): Could neither create nor find the segment: <{N}> after 10000 attempts. (Error 2)";
 
@@ -68,22 +67,21 @@ const std::vector<Row> kRows = {
      .records = {"create(): Failed to create the segment: <{N}>. (Error 24)"}},
     {.label = "posix find shm_open", .how = Find, .trustee = "staff", .existing = "staff",
      .faults = {fail(Call::shm_open, EMFILE)},
-     .outcome = R("find:shm_open:  name=<{N}>, owning group=<staff>, owning user=<{U}>, selected group=<>, "
+     .outcome = R("find:shm_open:  name=<{N}>, owning group=<staff>, owning user=<root>, selected group=<>, "
                   "current username=<{E}>, error=24"),
      .records = {"find(): Failed to open the existing segment: <{N}> with trustee <>. (Error 24)"}},
     // POSIX: trustee assignment (record, release, then the text reads errno again).
     {.label = "posix getgrnam_r", .trustee = "staff", .faults = {fail(Call::getgrnam_r, EIO)},
-     .outcome = I("staff:error= 5"), .records = {"setTrustee(): Failed to find the specified group: <staff>. (Error 5)"}},
-    {.label = "posix fchown", .trustee = "staff", .faults = {fail(Call::fchown, EPERM)},
-     .outcome = R("setTrustee:fchown staff:error=1"),
-     .records = {"setTrustee(): Failed to change the group to: <staff>. (Error 1)"}},
+     .outcome = I("staff:error= 5"),
+     .records = {"setTrustee(): Failed to find the specified group: <staff>. (Error 5)"}},
     {.label = "posix fchown, then shm_unlink", .trustee = "staff",
      .faults = {fail(Call::fchown, EPERM), failAfter(Call::shm_unlink, EACCES)},
      .outcome = R("setTrustee:fchown staff:error=13"),
      .records = {"setTrustee(): Failed to change the group to: <staff>. (Error 1)",
                  "removeAndClose(): Failed to remove/unlink the segment: <{N}>. (Error 13)"}},
     {.label = "posix setTrustee fstat", .trustee = "staff", .faults = {fail(Call::fstat, EIO)},
-     .outcome = R("setTrustee:fstat{N}:error=5"), .records = {"setTrustee(): Failed to stat the segment: <{N}>. (Error 5)"}},
+     .outcome = R("setTrustee:fstat{N}:error=5"),
+     .records = {"setTrustee(): Failed to stat the segment: <{N}>. (Error 5)"}},
     {.label = "posix fchmod", .trustee = "staff", .faults = {fail(Call::fchmod, EPERM)},
      .outcome = R("setTrustee:fchmod:error=1"),
      .records = {"setTrustee(): Failed to change permissions to include the group. (Error 1)"}},
@@ -91,31 +89,31 @@ const std::vector<Row> kRows = {
      .faults = {fail(Call::getgrgid_r, EIO)}, .outcome = R("getTrustee:getgrgid{N}:error=5"),
      .records = {"getTrustee(): Failed to get the group struct. (Error 5)"}},
     // POSIX: sizing and mapping (release first, then record and text read errno).
-    {.label = "posix creator size check fstat", .faults = {fail(Call::fstat, EIO)}, .outcome = R("attach:fstat{N}:error=5"),
+    {.label = "posix creator size check fstat", .faults = {fail(Call::fstat, EIO)},
+     .outcome = R("attach:fstat{N}:error=5"),
      .records = {"isTruncated(): Failed to stat the segment: <{N}>. (Error 5)"}},
-    {.label = "posix creator size check fstat after ftruncate", .faults = {fail(Call::fstat, EIO, 1)},
-     .outcome = R("attach:fstat{N}:error=5"), .records = {"isTruncated(): Failed to stat the segment: <{N}>. (Error 5)"}},
     {.label = "posix finder size check fstat (after its trustee query's)", .how = Find, .existing = "",
      .faults = {fail(Call::fstat, EIO, 1)}, .outcome = R("attach:fstat{N}:error=5"),
      .records = {"isTruncated(): Failed to stat the segment: <{N}>. (Error 5)"}},
     {.label = "posix ftruncate", .faults = {fail(Call::ftruncate, EIO)}, .outcome = R("attach:ftruncate{N}:error=5"),
      .records = {"attach(): Failed to truncate the segment: <{N}>. (Error 5)"}},
-    {.label = "posix mmap", .faults = {fail(Call::mmap, ENOMEM)}, .outcome = R("attach:mmap{N}:error=12"),
-     .records = {"attach(): Failed to map the segment: <{N}>. (Error 12)"}},
     {.label = "posix mmap, then shm_unlink", .faults = {fail(Call::mmap, ENOMEM), failAfter(Call::shm_unlink, EACCES)},
      .outcome = R("attach:mmap{N}:error=13"),
      .records = {"removeAndClose(): Failed to remove/unlink the segment: <{N}>. (Error 13)",
                  "attach(): Failed to map the segment: <{N}>. (Error 13)"}},
     // POSIX: queries; a finder that asked for no trustee adopted the segment's.
     {.label = "posix getOwner fstat", .step = Owner, .faults = {fail(Call::fstat, EIO)},
-     .outcome = R("getOwner:fstat:{N} :error=5"), .records = {"getOwner(): Failed to stat the segment: <{N}>. (Error 5)"}},
+     .outcome = R("getOwner:fstat:{N} :error=5"),
+     .records = {"getOwner(): Failed to stat the segment: <{N}>. (Error 5)"}},
     {.label = "posix getOwner getpwuid_r", .step = Owner, .faults = {fail(Call::getpwuid_r, EIO)},
-     .outcome = R("getOwner:getpwuid {N} :error=5"), .records = {"getOwner(): Failed to get the user struct<{N}>. (Error 5)"}},
-    {.label = "posix getTrustee fstat", .how = Find, .existing = "staff", .step = Trustee, .faults = {fail(Call::fstat, EIO)},
-     .outcome = R("getTrustee:fstat:{N},staff:error=5"),
+     .outcome = R("getOwner:getpwuid {N} :error=5"),
+     .records = {"getOwner(): Failed to get the user struct<{N}>. (Error 5)"}},
+    {.label = "posix getTrustee fstat", .how = Find, .existing = "staff", .step = Trustee,
+     .faults = {fail(Call::fstat, EIO)}, .outcome = R("getTrustee:fstat:{N},staff:error=5"),
      .records = {"getTrustee(): Failed to stat the segment: <{N}> for trustee: <staff>. (Error 5)"}},
-    {.label = "posix getTrustee getgrgid_r", .trustee = "staff", .step = Trustee, .faults = {fail(Call::getgrgid_r, ENOMEM)},
-     .outcome = R("getTrustee:getgrgid{N}:error=12"), .records = {"getTrustee(): Failed to get the group struct. (Error 12)"}},
+    {.label = "posix getTrustee getgrgid_r", .trustee = "staff", .step = Trustee,
+     .faults = {fail(Call::getgrgid_r, ENOMEM)}, .outcome = R("getTrustee:getgrgid{N}:error=12"),
+     .records = {"getTrustee(): Failed to get the group struct. (Error 12)"}},
     // POSIX: teardown goes on past each failure.
     {.label = "posix munmap", .step = Close, .faults = {failAfter(Call::munmap, EINVAL)}, .outcome = "closed",
      .records = {"detach(): Failed to unmap/munmap the segment: <{N}>. (Error 22)"}},
@@ -125,15 +123,15 @@ const std::vector<Row> kRows = {
      .records = {"removeAndClose(): Failed to remove/unlink the segment: <{N}>. (Error 13)"}},
     // System V: opening and attaching.
     {.label = "sysv create shmget", .spec = V, .faults = {fail(Call::shmget, ENOSPC)},
-     .outcome = R("create:shmget{N}:error=28"), .records = {"create(): Failed to create the segment: <{N}>. (Error 28)"}},
-    {.label = "sysv shmat", .spec = V, .faults = {fail(Call::shmat, ENOMEM)}, .outcome = R("attach:shmat{N}:error=12"),
-     .records = {"attach(): Failed to attach the segment: <{N}>. (Error 12)"}},
-    {.label = "sysv shmat, then IPC_RMID", .spec = V, .faults = {fail(Call::shmat, ENOMEM), failShmctl(IPC_RMID, EPERM, true)},
-     .outcome = R("attach:shmat{N}:error=1"),
+     .outcome = R("create:shmget{N}:error=28"),
+     .records = {"create(): Failed to create the segment: <{N}>. (Error 28)"}},
+    {.label = "sysv shmat, then IPC_RMID", .spec = V,
+     .faults = {fail(Call::shmat, ENOMEM), failShmctl(IPC_RMID, EPERM, true)}, .outcome = R("attach:shmat{N}:error=1"),
      .records = {"attach(): Failed to attach the segment: <{N}>. (Error 12)",
                  "removeAndClose(): Failed to remove/unlink the segment: <{N}>. (Error 1)"}},
     {.label = "sysv finder shmat", .spec = V, .how = Find, .existing = "", .faults = {fail(Call::shmat, EACCES)},
-     .outcome = R("attach:shmat{N}:error=13"), .records = {"attach(): Failed to attach the segment: <{N}>. (Error 13)"}},
+     .outcome = R("attach:shmat{N}:error=13"),
+     .records = {"attach(): Failed to attach the segment: <{N}>. (Error 13)"}},
     // System V: trustee assignment.
     {.label = "sysv setTrustee IPC_STAT", .spec = V, .trustee = "staff", .faults = {failShmctl(IPC_STAT, EACCES)},
      .outcome = R("setTrustee:shmctl(IPC_STAT){N}:error=13"),
@@ -144,26 +142,25 @@ const std::vector<Row> kRows = {
     {.label = "sysv finder's trustee query", .spec = V, .how = Find, .trustee = "staff", .existing = "staff",
      .faults = {failShmctl(IPC_STAT, EACCES)}, .outcome = R("getTrustee:shmctl{N}:error=13"),
      .records = {"getTrustee(): Failed to stat the segment: <{N}>. (Error 13)"}},
-    // System V: queries, also on a handle whose create found the name taken (identifier -1).
-    {.label = "sysv getOwner IPC_STAT", .spec = V, .step = Owner, .faults = {failShmctl(IPC_STAT, EACCES)},
-     .outcome = R("getOwner:shmctl{N}:error=13"), .records = {"getOwner(): Failed to stat the segment: <{N}>. (Error 13)"}},
-    {.label = "sysv getTrustee IPC_STAT", .spec = V, .step = Trustee, .faults = {failShmctl(IPC_STAT, EACCES)},
-     .outcome = R("getTrustee:shmctl{N}:error=13"), .records = {"getTrustee(): Failed to stat the segment: <{N}>. (Error 13)"}},
+    // System V: queries on a handle whose create found the name taken hold identifier -1.
     {.label = "sysv getOwner unattached", .spec = V, .how = Create, .existing = "", .step = Owner,
-     .outcome = R("getOwner:shmctl{N}:error=22"), .records = {"getOwner(): Failed to stat the segment: <{N}>. (Error 22)"}},
+     .outcome = R("getOwner:shmctl{N}:error=22"),
+     .records = {"getOwner(): Failed to stat the segment: <{N}>. (Error 22)"}},
     {.label = "sysv getTrustee unattached", .spec = V, .how = Create, .existing = "", .step = Trustee,
-     .outcome = R("getTrustee:shmctl{N}:error=22"), .records = {"getTrustee(): Failed to stat the segment: <{N}>. (Error 22)"}},
+     .outcome = R("getTrustee:shmctl{N}:error=22"),
+     .records = {"getTrustee(): Failed to stat the segment: <{N}>. (Error 22)"}},
     // System V: teardown goes on past each failure.
     {.label = "sysv shmdt", .spec = V, .step = Close, .faults = {failAfter(Call::shmdt, EINVAL)}, .outcome = "closed",
      .records = {"detach(): Failed to detach the segment: <{N}>. (Error 22)"}},
-    {.label = "sysv IPC_RMID", .spec = V, .step = Close, .faults = {failShmctl(IPC_RMID, EPERM, true)}, .outcome = "closed",
-     .records = {"removeAndClose(): Failed to remove/unlink the segment: <{N}>. (Error 1)"}},
+    {.label = "sysv IPC_RMID", .spec = V, .step = Close, .faults = {failShmctl(IPC_RMID, EPERM, true)},
+     .outcome = "closed", .records = {"removeAndClose(): Failed to remove/unlink the segment: <{N}>. (Error 1)"}},
     // Taken, missing and foreign segments open nothing, quietly, and remove nothing.
     {.label = "posix create on a taken name", .how = Create, .existing = "", .outcome = "unattached"},
     {.label = "sysv create on a taken name", .spec = V, .how = Create, .existing = "", .outcome = "unattached"},
     {.label = "posix find on a missing name", .how = Find, .outcome = "unattached"},
     {.label = "sysv find on a missing name", .spec = V, .how = StaticFind, .name = "{B}/y", .outcome = "unattached"},
-    {.label = "posix find with another trustee", .how = Find, .trustee = "users", .existing = "staff", .outcome = "unattached"},
+    {.label = "posix find with another trustee", .how = Find, .trustee = "users", .existing = "staff",
+     .outcome = "unattached"},
     {.label = "sysv find with another trustee", .spec = V, .how = Find, .trustee = "users", .existing = "staff",
      .outcome = "unattached"},
     // Sizes: a finder may ask for less than the segment holds, but not for more or for nothing.
@@ -173,7 +170,7 @@ const std::vector<Row> kRows = {
     {.label = "posix finder of size 0", .how = Find, .size = 0, .existing = "", .outcome = R("attach:mmap{N}:error=22"),
      .records = {"attach(): Failed to map the segment: <{N}>. (Error 22)"}},
     {.label = "sysv finder of a larger size", .spec = V, .how = Find, .size = 8192, .existing = "staff",
-     .outcome = R("find:shmget: name=<{N}>, owning group=<staff>, owning user=<{U}>, selected group=<>, "
+     .outcome = R("find:shmget: name=<{N}>, owning group=<staff>, owning user=<root>, selected group=<>, "
                   "current username=<{E}>, error=22"),
      .records = {"find(): Failed to open the existing segment: <{N}>. (Error 22)"}},
     // ftruncate to 0 succeeds and leaves the object empty: no call failed, errno is what it was.
@@ -185,11 +182,11 @@ const std::vector<Row> kRows = {
     // create-or-find ends instead of spinning forever.
     {.label = "sysv create of size 0", .spec = V, .how = Create, .size = 0, .outcome = "unattached"},
     {.label = "sysv size 0", .spec = V, .size = 0, .outcome = R(kTripped), .records = {kTrippedRecord}},
-    {.label = "sysv size past shmmax", .spec = V, .size = ULONG_MAX, .outcome = R(kTripped), .records = {kTrippedRecord}},
-    {.label = "posix size 4097", .size = 4097},
-    {.label = "sysv size 1", .spec = V, .size = 1},
+    {.label = "sysv size past shmmax", .spec = V, .size = ULONG_MAX, .outcome = R(kTripped),
+     .records = {kTrippedRecord}},
     // Names: POSIX takes one path component of at most 255 bytes; System V hashes any bytes.
-    {.label = "posix name with a slash", .name = "{B}/x", .outcome = R("create:shm_open:  name=<{N}>, trustee=<>, error=22"),
+    {.label = "posix name with a slash", .name = "{B}/x",
+     .outcome = R("create:shm_open:  name=<{N}>, trustee=<>, error=22"),
      .records = {"create(): Failed to create the segment: <{N}>. (Error 22)"}},
     {.label = "posix find on a name with a slash", .how = Find, .name = "{B}/x",
      .outcome = R(std::string("find:shm_open:  name=<{N}") + kRefused),
@@ -198,18 +195,12 @@ const std::vector<Row> kRows = {
      .records = {"create(): Failed to create the segment: <{N}>. (Error 22)"}},
     {.label = "posix name \".\"", .name = ".", .outcome = R(std::string("find:shm_open:  name=<{N}") + kRefused),
      .records = {"find(): Failed to open the existing segment: <{N}> with trustee <>. (Error 22)"}},
-    {.label = "posix name \"..\"", .name = "..", .outcome = R(std::string("find:shm_open:  name=<{N}") + kRefused),
-     .records = {"find(): Failed to open the existing segment: <{N}> with trustee <>. (Error 22)"}},
     {.label = "posix name of 255 bytes", .name = "{B}~"},
-    {.label = "posix name of 256 bytes", .name = "{B}~n", .outcome = R("create:shm_open:  name=<{N}>, trustee=<>, error=36"),
+    {.label = "posix name of 256 bytes", .name = "{B}~n",
+     .outcome = R("create:shm_open:  name=<{N}>, trustee=<>, error=36"),
      .records = {"create(): Failed to create the segment: <{N}>. (Error 36)"}},
     {.label = "posix name with a NUL byte", .name = std::string("{B}\0tail", 8)},
-    {.label = "posix name with high bytes", .name = "{B}\xff\x80\xfe"},
     {.label = "sysv name with a slash", .spec = V, .name = "{B}/x"},
-    {.label = "sysv empty name", .spec = V, .name = ""},
-    {.label = "sysv name \"..\"", .spec = V, .name = ".."},
-    {.label = "sysv name of 256 bytes", .spec = V, .name = "{B}~n"},
-    {.label = "sysv name with a NUL byte", .spec = V, .name = std::string("{B}\0tail", 8)},
     {.label = "posix static, name with a slash and a high byte", .how = StaticEither, .name = "{B}/x\xff"},
     {.label = "sysv static, name of 10 KiB", .spec = V, .how = StaticEither, .name = std::string(10 * 1024, 's')},
     // Trustees: a name that is no group is the caller's error, for creators and finders alike.
@@ -225,8 +216,6 @@ const std::vector<Row> kRows = {
     {.label = "sysv finder, unknown trustee", .spec = V, .how = Find, .trustee = "nosuchgroup", .existing = "",
      .outcome = I("nosuchgroup:error= 0"),
      .records = {"setTrustee(): Failed to find the specified group: <nosuchgroup>. (Error 0)"}},
-    {.label = "posix trustee of 10 KiB", .trustee = kLongTrustee, .outcome = I(kLongTrustee + ":error= -1"),
-     .records = {"setTrustee(): Failed to find the specified group: <" + kLongTrustee + ">. (Error -1)"}},
     {.label = "sysv trustee \"50\" (a group id, not a name)", .spec = V, .trustee = "50", .outcome = I("50:error= 0"),
      .records = {"setTrustee(): Failed to find the specified group: <50>. (Error 0)"}},
 };
@@ -258,12 +247,10 @@ TEST(Failures, EveryFailureReportsExactlyAndLeavesNothingBehind) {
                                                         errno = EDOM;
                                                         return 0;
                                                     }));
-    const std::string user = ::getpwuid(::geteuid())->pw_name;
     for (const Row& row : kRows) {
         SCOPED_TRACE(row.label);
-        if ((!row.trustee.empty() || (row.existing != nullptr && *row.existing != '\0')) && !spf_test::isRoot()) {
-            continue;  // handing a segment to a group needs root
-        }
+        const bool grouped = !row.trustee.empty() || (row.existing != nullptr && *row.existing != '\0');
+        if (grouped && !spf_test::isRoot()) continue;  // handing a segment to a group needs root
         std::string name = replaced(row.name, "{B}", spf_test::uniqueName("f"));
         if (const auto pad = name.find('~'); pad != std::string::npos) name.replace(pad, 1, 255 - pad, 'n');
         const std::string segment = row.how >= StaticEither ? sm::deriveSegmentName(name, row.trustee) : name;
@@ -289,13 +276,13 @@ TEST(Failures, EveryFailureReportsExactlyAndLeavesNothingBehind) {
             }
         });
         for (const Fault& fault : row.faults) {
-            EXPECT_GT(spf_test::callCount(fault.call), fault.skip) << callName(fault.call) << " never reached";
+            EXPECT_GT(spf_test::callCount(fault.call), fault.skip) << "call " << int(fault.call) << " never reached";
         }
         spf_test::disarmAll();
         subject.reset();  // the ordinary teardown of what opened adds no record
 
         const auto expand = [&](const std::string& text) {
-            return replaced(replaced(replaced(text, "{N}", "/" + segment), "{E}", sm::getCurrentUserName()), "{U}", user);
+            return replaced(replaced(text, "{N}", "/" + segment), "{E}", sm::getCurrentUserName());
         };
         std::vector<std::string> expected;
         for (const std::string& text : row.records) expected.push_back(expand(text));

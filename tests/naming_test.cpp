@@ -15,13 +15,7 @@ namespace {
 
 // The values every implementation reproduces: the hashed text, its name, and the parts (name,
 // trustee, effective user id; -1 for none) a derivation joins into that text.
-struct NameRow {
-    const char* text;
-    const char* derived;
-    const char* name;
-    const char* trustee;
-    int euid;
-};
+struct NameRow { const char *text, *derived, *name, *trustee; int euid; };
 const NameRow kTable[] = {
     {"grpsegt", "a758e1b41c007852", "seg", "grp", -1},
     {"staffbuffert", "7632a976b2830bcc", "buffer", "staff", -1},
@@ -41,12 +35,11 @@ TEST(Naming, NamesDeriveFromTrusteeOrEffectiveUserExactlyAsTheTableSays) {
     for (const NameRow& row : kTable) {
         if (row.name == nullptr) continue;
         // A child whose real user stays root: the name follows the effective one.
-        const int code = spf_test::runInChild([&] {
+        EXPECT_EQ(spf_test::runInChild([&] {
             if (row.euid > 0 && ::seteuid(row.euid) != 0) return 90;
             if (sm::getCurrentUserName() != "euid: " + std::to_string(row.euid < 0 ? 0 : row.euid)) return 1;
             return sm::deriveSegmentName(row.name, row.trustee) == row.derived ? 0 : 2;
-        });
-        EXPECT_EQ(code, 0) << row.text;
+        }), 0) << row.text;
     }
 }
 
@@ -64,18 +57,6 @@ TEST(Naming, HashAndSystemVKeyAgreeWithTheStandardLibraryOnRandomBytes) {
             ASSERT_EQ(sm::deriveSystemVKey(text), static_cast<std::int32_t>(std::hash<std::string>{}("/" + text)));
         }
     }
-}
-
-TEST(Naming, DerivedNamesAreShortLowercaseHexWhateverTheInput) {
-    for (const std::string& name : {std::string("a/b/c"), std::string("\0\xff\x80", 3), std::string(5000, 'x'),
-                                    std::string()}) {
-        for (const std::string& trustee : {std::string(), std::string("staff")}) {
-            const std::string derived = sm::deriveSegmentName(name, trustee);
-            EXPECT_TRUE(!derived.empty() && derived.size() <= 16 && derived[0] != '0') << derived;
-            EXPECT_EQ(derived.find_first_not_of("0123456789abcdef"), std::string::npos) << derived;
-        }
-    }
-    EXPECT_NE(sm::deriveSegmentName("seg", ""), sm::deriveSegmentName("seg", "staff"));
 }
 
 }  // namespace

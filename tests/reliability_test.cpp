@@ -53,10 +53,7 @@ int creatorsInOneRace(Spec spec, const std::string& trustee) {
             std::atomic_ref<std::uint32_t>(words[1 + index]).store(index + 1);
             std::atomic_ref<std::uint32_t> arrived(words[0]);
             arrived.fetch_add(1);
-            while (arrived.load() < kRacers) {
-                if (Clock::now() > deadline) return 2;
-                ::usleep(200);
-            }
+            while (arrived.load() < kRacers && Clock::now() < deadline) ::usleep(200);
             for (int other = 0; other < kRacers; ++other) {
                 if (std::atomic_ref<std::uint32_t>(words[1 + other]).load() != unsigned(other + 1)) return 3;
             }
@@ -94,7 +91,6 @@ TEST(Reliability, ChurnOnAFewNamesLeavesNothingAndNeverTripsTheLoop) {
     const std::vector<std::string> names = {uniqueName("churn"), uniqueName("churn"), uniqueName("churn")};
     for (const Spec spec : kBackEnds) {
         const auto deadline = Clock::now() + std::chrono::seconds(2);
-        std::vector<Pipe> reports(kChurners);
         std::vector<Child> churners;
         for (int index = 0; index < kChurners; ++index) {
             churners.emplace_back([&, index] {
@@ -115,19 +111,11 @@ TEST(Reliability, ChurnOnAFewNamesLeavesNothingAndNeverTripsTheLoop) {
                         return 4;
                     }
                 }
-                reports[index].send(std::to_string(opened));
-                return 0;
+                return opened > 25 ? 0 : 5;
             });
         }
-        long opened = 0;
-        for (int index = 0; index < kChurners; ++index) {
-            EXPECT_EQ(churners[index].join(), 0) << backEndName(spec) << " churner " << index;
-            opened += std::atol(reports[index].receive().c_str());
-        }
+        for (Child& churner : churners) EXPECT_EQ(churner.join(), 0) << backEndName(spec);
         for (const std::string& name : names) EXPECT_FALSE(derivedLeft(name)) << backEndName(spec) << " " << name;
-        EXPECT_GT(opened, 100) << backEndName(spec);
-        std::printf("%s churn: %d processes, 2 s, %ld segments opened and torn down\n", backEndName(spec), kChurners,
-                    opened);
     }
 }
 
@@ -140,9 +128,7 @@ TEST(Reliability, FindersOfDifferentSizesRacingOnAnEmptyObjectNeverFault) {
     int bothMapped = 0, largerRefused = 0;
     for (int round = 0; round < kRounds; ++round) {
         const std::string name = uniqueName("size");
-        const int descriptor = ::shm_open(("/" + name).c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
-        ASSERT_NE(descriptor, -1);
-        ::close(descriptor);
+        ASSERT_EQ(::close(::shm_open(("/" + name).c_str(), O_RDWR | O_CREAT | O_EXCL, 0600)), 0);
         Pipe gate;
         const auto finder = [&](unsigned long size) {
             return [&, size] {
@@ -155,7 +141,8 @@ TEST(Reliability, FindersOfDifferentSizesRacingOnAnEmptyObjectNeverFault) {
                     const auto until = Clock::now() + std::chrono::milliseconds(size > 4096 ? 2 : 0);
                     do std::memset(shm.getPointer(), 0x5a, size); while (Clock::now() < until);
                 });
-                return failure.empty() ? 0 : failure.rfind("runtime_error: SystemError:SharedMemory:attach:st_size/", 0) == 0 ? 7 : 5;
+                if (failure.empty()) return 0;
+                return failure.rfind("runtime_error: SystemError:SharedMemory:attach:st_size/", 0) == 0 ? 7 : 5;
             };
         };
         Child small(finder(4096)), large(finder(8192));

@@ -17,29 +17,27 @@ namespace {
 std::set<std::string> entries(const char* directory) {
     std::set<std::string> names;
     if (DIR* open = ::opendir(directory)) {
-        while (const dirent* entry = ::readdir(open)) names.insert(entry->d_name);
+        while (const dirent* entry = ::readdir(open)) {
+            if (entry->d_name[0] != '.') names.insert(entry->d_name);
+        }
         ::closedir(open);
     }
-    names.erase(".");
-    names.erase("..");
     return names;
 }
 
-// The System V table by identifier: key and ownership of every segment.
+// The System V table: key and ownership of every segment, by identifier.
 std::map<int, std::pair<key_t, Ownership>> sysvTable() {
     std::map<int, std::pair<key_t, Ownership>> table;
     std::ifstream file("/proc/sysvipc/shm");
     std::string line;
-    std::getline(file, line);  // header
-    while (std::getline(file, line)) {
+    for (std::getline(file, line); std::getline(file, line);) {
         std::istringstream fields(line);
-        long long key, cpid, lpid, nattch;
+        long long key, pid;
         int id;
         Ownership entry;
-        fields >> key >> id >> std::oct >> entry.mode >> std::dec >> entry.size >> cpid >> lpid >>
-            nattch >> entry.uid >> entry.gid;
-        entry.mode &= 0777;
-        table[id] = {static_cast<key_t>(key), entry};
+        fields >> key >> id >> std::oct >> entry.mode >> std::dec >> entry.size >> pid >> pid >> pid >> entry.uid >>
+            entry.gid;
+        table[id] = {static_cast<key_t>(key), {entry.mode & 0777, entry.uid, entry.gid, entry.size}};
     }
     return table;
 }
@@ -63,52 +61,43 @@ int segmentMappingCount() {
 }
 
 Ownership ownership(const std::string& name, Spec spec) {
-    if (spec == V) {
-        for (const auto& [id, entry] : sysvTable()) {
-            if (entry.first == agent::spf::sharedmemory::deriveSystemVKey(name)) return entry.second;
-        }
-        return {};
-    }
     struct stat status;
-    if (entries("/dev/shm").count(name) == 0 || ::stat(("/dev/shm/" + name).c_str(), &status) != 0) return {};
-    return {static_cast<unsigned>(status.st_mode & 0777), status.st_uid, status.st_gid,
-            static_cast<unsigned long long>(status.st_size)};
+    if (spec == P) {
+        if (entries("/dev/shm").count(name) == 0 || ::stat(("/dev/shm/" + name).c_str(), &status) != 0) return {};
+        return {status.st_mode & 0777u, status.st_uid, status.st_gid, static_cast<unsigned long long>(status.st_size)};
+    }
+    for (const auto& [id, entry] : sysvTable()) {
+        if (entry.first == agent::spf::sharedmemory::deriveSystemVKey(name)) return entry.second;
+    }
+    return {};
 }
-
-bool exists(const std::string& name, Spec spec) { return ownership(name, spec).mode != 0; }
-
-}  // namespace spf_test
-
-namespace {
 
 // Around a whole binary: no descriptor, POSIX object or System V segment is left behind.
 class LeakGuard : public ::testing::Environment {
-public:
     void SetUp() override {
-        descriptors_ = spf_test::openDescriptorCount();
-        objects_ = spf_test::entries("/dev/shm");
-        segments_ = spf_test::sysvTable();
+        descriptors_ = openDescriptorCount();
+        objects_ = entries("/dev/shm");
+        segments_ = sysvTable();
     }
     void TearDown() override {
-        EXPECT_EQ(spf_test::openDescriptorCount(), descriptors_) << "descriptors leaked";
-        for (const std::string& name : spf_test::entries("/dev/shm")) {
+        EXPECT_EQ(openDescriptorCount(), descriptors_) << "descriptors leaked";
+        for (const std::string& name : entries("/dev/shm")) {
             EXPECT_EQ(objects_.count(name), 1u) << "POSIX object left behind: /dev/shm/" << name;
         }
-        for (const auto& [id, entry] : spf_test::sysvTable()) {
+        for (const auto& [id, entry] : sysvTable()) {
             EXPECT_EQ(segments_.count(id), 1u) << "System V segment left behind: id " << id;
         }
     }
 
-private:
     int descriptors_ = 0;
     std::set<std::string> objects_;
-    std::map<int, std::pair<key_t, spf_test::Ownership>> segments_;
+    std::map<int, std::pair<key_t, Ownership>> segments_;
 };
 
-}  // namespace
+}  // namespace spf_test
 
 int main(int argc, char** argv) {
     ::testing::InitGoogleTest(&argc, argv);
-    ::testing::AddGlobalTestEnvironment(new LeakGuard);
+    ::testing::AddGlobalTestEnvironment(new spf_test::LeakGuard);
     return RUN_ALL_TESTS();
 }

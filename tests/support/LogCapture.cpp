@@ -27,22 +27,17 @@ struct LogCapture::State : boost::log::sinks::basic_sink_backend<boost::log::sin
 };
 
 // The sink holds the state through a pointer that does not own it: the state outlives the sink.
-LogCapture::LogCapture() : state_(std::make_shared<State>()) {
-    state_->sink = boost::make_shared<boost::log::sinks::synchronous_sink<State>>(
-        boost::shared_ptr<State>(state_.get(), [](State*) {}));
-    boost::log::core::get()->add_sink(state_->sink);
+LogCapture::LogCapture() : state(std::make_shared<State>()) {
+    state->sink = boost::make_shared<boost::log::sinks::synchronous_sink<State>>(
+        boost::shared_ptr<State>(state.get(), [](State*) {}));
+    boost::log::core::get()->add_sink(state->sink);
 }
 
-LogCapture::~LogCapture() { boost::log::core::get()->remove_sink(state_->sink); }
+LogCapture::~LogCapture() { boost::log::core::get()->remove_sink(state->sink); }
 
 std::vector<std::string> LogCapture::messages() const {
-    std::lock_guard<std::mutex> guard(state_->lock);
-    return state_->messages;
-}
-
-void LogCapture::clear() {
-    std::lock_guard<std::mutex> guard(state_->lock);
-    state_->messages.clear();
+    std::lock_guard<std::mutex> guard(state->lock);
+    return state->messages;
 }
 
 }  // namespace spf_test

@@ -55,46 +55,29 @@ int runInChild(const std::function<int()>& body) { return waitFor(spawn(body)); 
 
 int runAsNobody(const std::vector<gid_t>& groups, const std::function<int()>& body) {
     return runInChild([&] {
-        if (::setgroups(groups.size(), groups.data()) != 0 || ::setgid(kNobody) != 0 || ::setuid(kNobody) != 0) {
-            return 90;
-        }
-        return body();
+        const bool dropped = ::setgroups(groups.size(), groups.data()) == 0 && ::setgid(kNobody) == 0 &&
+                             ::setuid(kNobody) == 0;
+        return dropped ? body() : 90;
     });
 }
 
-Child::Child(const std::function<int()>& body) : pid_(spawn(body)) {}
+Child::Child(const std::function<int()>& body) : pid(spawn(body)) {}
 
-Child::~Child() {
-    if (pid_ > 0) {
-        ::kill(pid_, SIGKILL);
-        waitFor(pid_);
-    }
-}
+Child::~Child() { if (pid > 0) ::kill(pid, SIGKILL), waitFor(pid); }
 
-int Child::join() { return waitFor(std::exchange(pid_, -1)); }
+int Child::join() { return waitFor(std::exchange(pid, -1)); }
 
-Pipe::Pipe() {
-    if (::pipe(fds_) != 0) throw std::runtime_error("pipe failed");
-}
+Pipe::Pipe() { (void)!::pipe(fds); }
+Pipe::~Pipe() { ::close(fds[0]); if (fds[1] != -1) ::close(fds[1]); }
 
-Pipe::~Pipe() {
-    ::close(fds_[0]);
-    if (fds_[1] != -1) ::close(fds_[1]);
-}
-
-void Pipe::send(const std::string& text) {
-    for (std::size_t sent = 0; sent < text.size();) {
-        const ssize_t written = ::write(fds_[1], text.data() + sent, text.size() - sent);
-        if (written <= 0) return;
-        sent += static_cast<std::size_t>(written);
-    }
-}
+// Texts of less than PIPE_BUF bytes go through in one piece.
+void Pipe::send(const std::string& text) { (void)!::write(fds[1], text.data(), text.size()); }
 
 std::string Pipe::receive() {
-    if (fds_[1] != -1) ::close(std::exchange(fds_[1], -1));
+    if (fds[1] != -1) ::close(std::exchange(fds[1], -1));
     std::string text;
     char buffer[4096];
-    for (ssize_t got; (got = ::read(fds_[0], buffer, sizeof buffer)) != 0;) {
+    for (ssize_t got; (got = ::read(fds[0], buffer, sizeof buffer)) != 0;) {
         if (got < 0 && errno != EINTR) break;
         if (got > 0) text.append(buffer, static_cast<std::size_t>(got));
     }

@@ -17,13 +17,12 @@ namespace {
 constexpr int kCalls = static_cast<int>(Call::kCount);
 
 struct Armed {
-    std::atomic<bool> active{false};
+    std::atomic<bool> active{false}, performFirst{false};
     std::atomic<int> skips{0}, error{0}, command{-1};
-    std::atomic<bool> performFirst{false};
 };
 Armed armed[kCalls];
 std::atomic<int> counts[kCalls];
-std::atomic<std::size_t> rangeBelow{0}, largestBuffer{0};
+std::atomic<std::size_t> rangeBelow{0};
 
 // Whether this call (of `command`, for shmctl) is the one to fail; consumes the fault.
 bool shouldFail(Call call, int command = -1) {
@@ -49,8 +48,6 @@ Result forward(Call call, Function function, Result failed, int command, Args...
 template <typename Function, typename Key, typename Entry>
 int forwardLookup(Call call, Function function, Key key, Entry* entry, char* buffer, std::size_t size,
                   Entry** result) {
-    for (std::size_t seen = largestBuffer; size > seen && !largestBuffer.compare_exchange_weak(seen, size);) {
-    }
     const bool fail = shouldFail(call);
     if (fail || size < rangeBelow) {
         *result = nullptr;
@@ -59,40 +56,31 @@ int forwardLookup(Call call, Function function, Key key, Entry* entry, char* buf
     return function(key, entry, buffer, size, result);
 }
 
-const char* callName(Call call) {
-    static const char* const names[kCalls] = {"shm_open", "shm_unlink", "fstat", "ftruncate", "mmap", "munmap",
-                                              "close", "fchown", "fchmod", "shmget", "shmat", "shmdt", "shmctl",
-                                              "getgrgid_r", "getgrnam_r", "getpwuid_r"};
-    return names[static_cast<int>(call)];
-}
-
 void arm(const Fault& fault) {
     Armed& slot = armed[static_cast<int>(fault.call)];
     slot.active = false;
-    slot.skips = fault.skip;
-    slot.error = fault.error;
+    slot.skips = fault.skip, slot.error = fault.error, slot.command = fault.shmctlCommand;
     slot.performFirst = fault.performFirst;
-    slot.command = fault.shmctlCommand;
     slot.active = true;
 }
 
 void disarmAll() {
     for (int i = 0; i < kCalls; ++i) armed[i].active = false, counts[i] = 0;
-    rangeBelow = largestBuffer = 0;
+    rangeBelow = 0;
 }
 
 int callCount(Call call) { return counts[static_cast<int>(call)]; }
 void forceRangeErrorsBelow(std::size_t bytes) { rangeBelow = bytes; }
-std::size_t largestLookupBuffer() { return largestBuffer; }
 
 }  // namespace spf_test
 
 // Each definition replaces the C library's for the whole test binary (the library's objects are
-// linked into it); `spec` repeats the C library's exception specification.
-#define SPF_SEAM(result, call, failed, spec, parameters, ...)                                         \
+// linked into it); `spec` repeats the C library's exception specification, and `command` is
+// what a fault may be limited to.
+#define SPF_SEAM(result, call, failed, spec, command, parameters, ...)                                \
     result call parameters spec {                                                                     \
         static const auto real = reinterpret_cast<decltype(&::call)>(::dlsym(RTLD_NEXT, #call));      \
-        return spf_test::forward(spf_test::Call::call, real, failed, -1, __VA_ARGS__);                \
+        return spf_test::forward(spf_test::Call::call, real, failed, command, __VA_ARGS__);           \
     }
 #define SPF_LOOKUP(call, Entry, Key)                                                                  \
     int call(Key key, Entry* entry, char* buffer, size_t size, Entry** result) {                      \
@@ -101,24 +89,21 @@ std::size_t largestLookupBuffer() { return largestBuffer; }
     }
 
 extern "C" {
-SPF_SEAM(int, shm_open, -1, , (const char* n, int f, mode_t m), n, f, m)
-SPF_SEAM(int, shm_unlink, -1, , (const char* n), n)
-SPF_SEAM(int, fstat, -1, __THROW, (int fd, struct stat* s), fd, s)
-SPF_SEAM(int, ftruncate, -1, __THROW, (int fd, off_t length), fd, length)
-SPF_SEAM(void*, mmap, MAP_FAILED, __THROW, (void* a, size_t n, int p, int f, int fd, off_t o), a, n, p, f, fd, o)
-SPF_SEAM(int, munmap, -1, __THROW, (void* a, size_t n), a, n)
-SPF_SEAM(int, close, -1, , (int fd), fd)
-SPF_SEAM(int, fchown, -1, __THROW, (int fd, uid_t u, gid_t g), fd, u, g)
-SPF_SEAM(int, fchmod, -1, __THROW, (int fd, mode_t m), fd, m)
-SPF_SEAM(int, shmget, -1, __THROW, (key_t k, size_t n, int f), k, n, f)
-SPF_SEAM(void*, shmat, reinterpret_cast<void*>(-1), __THROW, (int id, const void* a, int f), id, a, f)
-SPF_SEAM(int, shmdt, -1, __THROW, (const void* a), a)
+SPF_SEAM(int, shm_open, -1, , -1, (const char* n, int f, mode_t m), n, f, m)
+SPF_SEAM(int, shm_unlink, -1, , -1, (const char* n), n)
+SPF_SEAM(int, fstat, -1, __THROW, -1, (int fd, struct stat* s), fd, s)
+SPF_SEAM(int, ftruncate, -1, __THROW, -1, (int fd, off_t length), fd, length)
+SPF_SEAM(void*, mmap, MAP_FAILED, __THROW, -1, (void* a, size_t n, int p, int f, int fd, off_t o), a, n, p, f, fd, o)
+SPF_SEAM(int, munmap, -1, __THROW, -1, (void* a, size_t n), a, n)
+SPF_SEAM(int, close, -1, , -1, (int fd), fd)
+SPF_SEAM(int, fchown, -1, __THROW, -1, (int fd, uid_t u, gid_t g), fd, u, g)
+SPF_SEAM(int, fchmod, -1, __THROW, -1, (int fd, mode_t m), fd, m)
+SPF_SEAM(int, shmget, -1, __THROW, -1, (key_t k, size_t n, int f), k, n, f)
+SPF_SEAM(void*, shmat, reinterpret_cast<void*>(-1), __THROW, -1, (int id, const void* a, int f), id, a, f)
+SPF_SEAM(int, shmdt, -1, __THROW, -1, (const void* a), a)
+SPF_SEAM(int, shmctl, -1, __THROW, c, (int id, int c, struct shmid_ds* s), id, c, s)
 SPF_LOOKUP(getgrgid_r, group, gid_t)
 SPF_LOOKUP(getgrnam_r, group, const char*)
 SPF_LOOKUP(getpwuid_r, passwd, uid_t)
 
-int shmctl(int id, int command, struct shmid_ds* status) __THROW {
-    static const auto real = reinterpret_cast<decltype(&::shmctl)>(::dlsym(RTLD_NEXT, "shmctl"));
-    return spf_test::forward(spf_test::Call::shmctl, real, -1, command, id, command, status);
-}
 }
