@@ -150,11 +150,11 @@ TEST(Backends, PosixLookupsDoubleTheirBufferUntilALargeEntryFits) {
     if (!isRoot()) GTEST_SKIP() << "needs root to hand segments to group staff";
     const std::string name = uniqueName();
     disarmAll();
-    forceRangeErrorsBelow(16384);
+    forceRangeErrorsBelow(16385);
     SharedMemory creator(name, kSize, true, "staff", P);
     EXPECT_EQ(creator.getTrustee() + "," + creator.getOwner(), "staff,root");
-    // 2048, 4096, 8192 and 16384 bytes, each.
-    EXPECT_EQ(callCount(Call::getgrnam_r) + callCount(Call::getgrgid_r) + callCount(Call::getpwuid_r), 12);
+    // 2048, 4096, 8192, 16384 and 32768 bytes, each.
+    EXPECT_EQ(callCount(Call::getgrnam_r) + callCount(Call::getgrgid_r) + callCount(Call::getpwuid_r), 15);
     EXPECT_EQ(ownership(name, P).gid, groupId("staff"));
     disarmAll();
 }
