@@ -1,103 +1,62 @@
-// Segment names must come out identical in every process and build that shares a segment.
+// Segment names and System V keys must come out identical in every process and build that shares
+// a segment.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <functional>
 #include <random>
-#include <string>
 
-#include "Processes.hpp"
-#include "agent/spf/sharedmemory/SharedMemory.hpp"
+#include "Support.hpp"
 #include "core/Hash.hpp"
 
 namespace sm = agent::spf::sharedmemory;
 
 namespace {
 
-struct NameRow {
-    const char* text;
-    const char* derived;
-};
-
-// The values every implementation reproduces, hashed text and all.
+// The values every implementation reproduces: the hashed text, its name, and the parts (name,
+// trustee, effective user id; -1 for none) a derivation joins into that text.
+struct NameRow { const char *text, *derived, *name, *trustee; int euid; };
 const NameRow kTable[] = {
-    {"grpsegt", "a758e1b41c007852"},      {"euid: 1000segu", "7614e6f79217d782"},
-    {"euid: 0segu", "4741f9263967e2b6"},  {"staffbuffert", "7632a976b2830bcc"},
-    {"grpt", "baf832990df50c4"},          {"euid: 1000seg1u", "629839cd06d03bc"},
-    {"t", "b892a70c866feca"},
+    {"grpsegt", "a758e1b41c007852", "seg", "grp", -1},
+    {"staffbuffert", "7632a976b2830bcc", "buffer", "staff", -1},
+    {"grpt", "baf832990df50c4", "", "grp", -1},
+    {"t", "b892a70c866feca", nullptr, nullptr, -1},
+    {"euid: 0segu", "4741f9263967e2b6", "seg", "", 0},
+    {"euid: 1000segu", "7614e6f79217d782", "seg", "", 1000},
+    {"euid: 1000seg1u", "629839cd06d03bc", "seg1", "", 1000},
 };
 
-TEST(Naming, HashOfKnownTextsMatchesTheTableByteForByte) {
-    for (const NameRow& row : kTable) {
-        EXPECT_EQ(sm::hashToHexString(row.text), row.derived) << row.text;
-    }
+TEST(Naming, NamesDeriveFromTrusteeOrEffectiveUserExactlyAsTheTableSays) {
     EXPECT_EQ(sm::hashToHexString(""), "");
-}
-
-TEST(Naming, DerivedNamesWithATrusteeIgnoreTheUser) {
-    EXPECT_EQ(sm::deriveSegmentName("seg", "grp"), "a758e1b41c007852");
-    EXPECT_EQ(sm::deriveSegmentName("buffer", "staff"), "7632a976b2830bcc");
-    EXPECT_EQ(sm::deriveSegmentName("", "grp"), "baf832990df50c4");
+    for (const NameRow& row : kTable) EXPECT_EQ(sm::hashToHexString(row.text), row.derived) << row.text;
     // Nothing separates the pieces: these two hash the same text.
     EXPECT_EQ(sm::deriveSegmentName("cd", "ab"), sm::deriveSegmentName("d", "abc"));
-}
-
-TEST(Naming, DerivedNamesWithoutTrusteeDependOnTheEffectiveUser) {
-    if (!spf_test::isRoot()) {
-        GTEST_SKIP() << "needs root to take on effective users 0 and 1000";
+    if (!spf_test::isRoot()) GTEST_SKIP() << "needs root to take on effective users 0 and 1000";
+    for (const NameRow& row : kTable) {
+        if (row.name == nullptr) continue;
+        // A child whose real user stays root: the name follows the effective one.
+        EXPECT_EQ(spf_test::runInChild([&] {
+            if (row.euid > 0 && ::seteuid(row.euid) != 0) return 90;
+            if (sm::getCurrentUserName() != "euid: " + std::to_string(row.euid < 0 ? 0 : row.euid)) return 1;
+            return sm::deriveSegmentName(row.name, row.trustee) == row.derived ? 0 : 2;
+        }), 0) << row.text;
     }
-    EXPECT_EQ(sm::getCurrentUserName(), "euid: 0");
-    EXPECT_EQ(sm::deriveSegmentName("seg", ""), "4741f9263967e2b6");
-    const int code = spf_test::runInChild([] {
-        if (::seteuid(1000) != 0) return 90;
-        if (sm::getCurrentUserName() != "euid: 1000") return 1;
-        if (sm::deriveSegmentName("seg", "") != "7614e6f79217d782") return 2;
-        if (sm::deriveSegmentName("seg1", "") != "629839cd06d03bc") return 3;
-        // A trustee that reads like a user name still hashes apart from that user's own name.
-        if (sm::deriveSegmentName("seg", "euid: 1000") == "7614e6f79217d782") return 4;
-        return 0;
-    });
-    EXPECT_EQ(code, 0);
-}
-
-TEST(Naming, CurrentUserNameIsTheEffectiveNotTheRealUser) {
-    if (!spf_test::isRoot()) {
-        GTEST_SKIP() << "needs root to split real and effective user";
-    }
-    const int code = spf_test::runInChild([] {
-        if (::setresuid(0, 65534, 0) != 0) return 90;
-        return sm::getCurrentUserName() == "euid: 65534" ? 0 : 1;
-    });
-    EXPECT_EQ(code, 0);
 }
 
 // The hash is the one g++'s standard library uses for strings; any drift would split processes
 // built differently onto different segments.
-TEST(Naming, HashAgreesWithTheStandardLibraryOnRandomBytes) {
+TEST(Naming, HashAndSystemVKeyAgreeWithTheStandardLibraryOnRandomBytes) {
     std::mt19937_64 random(20261123);
-    std::uniform_int_distribution<int> byte(0, 255);
     for (std::size_t length = 0; length <= 64; ++length) {
         for (int sample = 0; sample < 200; ++sample) {
             std::string text(length, '\0');
-            for (char& c : text) c = static_cast<char>(byte(random));
-            ASSERT_EQ(sm::hashString(text), std::hash<std::string>{}(text)) << "length " << length;
+            for (char& c : text) c = static_cast<char>(random());
+            const std::size_t expected = std::hash<std::string>{}(text);
+            ASSERT_EQ(sm::hashString(text), expected) << "length " << length;
+            // The key is the low 32 bits of the hash of the whole name, its "/" included.
+            ASSERT_EQ(sm::deriveSystemVKey(text), static_cast<std::int32_t>(std::hash<std::string>{}("/" + text)));
         }
     }
-}
-
-TEST(Naming, DerivedNamesAreShortLowercaseHexWhateverTheInput) {
-    const std::string inputs[] = {std::string("a/b/c"), std::string("\0\xff\x80", 3),
-                                  std::string(5000, 'x'), std::string()};
-    for (const std::string& name : inputs) {
-        for (const std::string& trustee : {std::string(), std::string("staff")}) {
-            const std::string derived = sm::deriveSegmentName(name, trustee);
-            EXPECT_FALSE(derived.empty());
-            EXPECT_LE(derived.size(), 16u);
-            EXPECT_EQ(derived.find_first_not_of("0123456789abcdef"), std::string::npos) << derived;
-            EXPECT_NE(derived[0], '0') << "hex names carry no leading zero";
-        }
-    }
-    EXPECT_NE(sm::deriveSegmentName("seg", ""), sm::deriveSegmentName("seg", "staff"));
 }
 
 }  // namespace

@@ -1,133 +1,103 @@
-#include "Leaks.hpp"
-
 #include <dirent.h>
-#include <sys/mman.h>
-#include <sys/shm.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <atomic>
 #include <fstream>
+#include <map>
+#include <set>
 #include <sstream>
+
+#include "Support.hpp"
 
 namespace spf_test {
 namespace {
 
-template <typename Visit>
-void forEachSysvLine(Visit visit) {
-    std::ifstream table("/proc/sysvipc/shm");
-    std::string line;
-    std::getline(table, line);  // header
-    while (std::getline(table, line)) {
-        std::istringstream fields(line);
-        long long key;
-        int id;
-        unsigned mode;
-        unsigned long long size;
-        long long cpid, lpid, nattch;
-        unsigned long uid, gid;
-        fields >> key >> id >> std::oct >> mode >> std::dec >> size >> cpid >> lpid >> nattch >> uid >> gid;
-        if (fields) {
-            visit(static_cast<key_t>(key), id, Ownership{mode & 0777, static_cast<uid_t>(uid),
-                                                         static_cast<gid_t>(gid), size});
-        }
-    }
-}
-
-std::string objectPath(const std::string& segmentName) {
-    const auto start = segmentName.find_first_not_of('/');
-    return "/dev/shm/" + (start == std::string::npos ? std::string() : segmentName.substr(start));
-}
-
-}  // namespace
-
-int openDescriptorCount() {
-    int count = 0;
-    if (DIR* directory = ::opendir("/proc/self/fd")) {
-        while (const dirent* entry = ::readdir(directory)) {
-            if (entry->d_name[0] != '.') {
-                ++count;
-            }
-        }
-        ::closedir(directory);
-        --count;  // the directory's own descriptor
-    }
-    return count;
-}
-
-int segmentMappingCount() {
-    std::ifstream maps("/proc/self/maps");
-    std::string line;
-    int count = 0;
-    while (std::getline(maps, line)) {
-        if (line.find(" /dev/shm/") != std::string::npos ||
-            line.find(" /SYSV") != std::string::npos) {
-            ++count;
-        }
-    }
-    return count;
-}
-
-std::set<std::string> posixObjects() {
+std::set<std::string> entries(const char* directory) {
     std::set<std::string> names;
-    if (DIR* directory = ::opendir("/dev/shm")) {
-        while (const dirent* entry = ::readdir(directory)) {
-            const std::string name = entry->d_name;
-            if (name != "." && name != "..") {
-                names.insert(name);
-            }
+    if (DIR* open = ::opendir(directory)) {
+        while (const dirent* entry = ::readdir(open)) {
+            if (entry->d_name[0] != '.') names.insert(entry->d_name);
         }
-        ::closedir(directory);
+        ::closedir(open);
     }
     return names;
 }
 
-std::set<int> sysvSegments() {
-    std::set<int> ids;
-    forEachSysvLine([&](key_t, int id, const Ownership&) { ids.insert(id); });
-    return ids;
-}
-
-bool posixObjectExists(const std::string& segmentName) {
-    struct stat status;
-    return ::stat(objectPath(segmentName).c_str(), &status) == 0;
-}
-
-bool sysvKeyExists(key_t key) {
-    bool found = false;
-    forEachSysvLine([&](key_t lineKey, int, const Ownership&) { found = found || lineKey == key; });
-    return found;
-}
-
-bool posixOwnership(const std::string& segmentName, Ownership& out) {
-    struct stat status;
-    if (::stat(objectPath(segmentName).c_str(), &status) != 0) {
-        return false;
+// The System V table: key and ownership of every segment, by identifier.
+std::map<int, std::pair<key_t, Ownership>> sysvTable() {
+    std::map<int, std::pair<key_t, Ownership>> table;
+    std::ifstream file("/proc/sysvipc/shm");
+    std::string line;
+    for (std::getline(file, line); std::getline(file, line);) {
+        std::istringstream fields(line);
+        long long key, pid;
+        int id;
+        Ownership entry;
+        fields >> key >> id >> std::oct >> entry.mode >> std::dec >> entry.size >> pid >> pid >> pid >> entry.uid >>
+            entry.gid;
+        table[id] = {static_cast<key_t>(key), {entry.mode & 0777, entry.uid, entry.gid, entry.size}};
     }
-    out = Ownership{static_cast<unsigned>(status.st_mode & 0777), status.st_uid, status.st_gid,
-                    static_cast<unsigned long long>(status.st_size)};
-    return true;
+    return table;
 }
 
-bool sysvOwnership(key_t key, Ownership& out) {
-    bool found = false;
-    forEachSysvLine([&](key_t lineKey, int, const Ownership& entry) {
-        if (lineKey == key) {
-            out = entry;
-            found = true;
+}  // namespace
+
+std::string uniqueName(const std::string& tag) {
+    static std::atomic<unsigned> counter{0};
+    return "spft-" + std::to_string(::getpid()) + "-" + std::to_string(counter++) + "-" + tag;
+}
+
+int openDescriptorCount() { return static_cast<int>(entries("/proc/self/fd").size()) - 1; }
+
+int segmentMappingCount() {
+    std::ifstream maps("/proc/self/maps");
+    int count = 0;
+    for (std::string line; std::getline(maps, line);) {
+        count += line.find(" /dev/shm/") != std::string::npos || line.find(" /SYSV") != std::string::npos;
+    }
+    return count;
+}
+
+Ownership ownership(const std::string& name, Spec spec) {
+    struct stat status;
+    if (spec == P) {
+        if (entries("/dev/shm").count(name) == 0 || ::stat(("/dev/shm/" + name).c_str(), &status) != 0) return {};
+        return {status.st_mode & 0777u, status.st_uid, status.st_gid, static_cast<unsigned long long>(status.st_size)};
+    }
+    for (const auto& [id, entry] : sysvTable()) {
+        if (entry.first == agent::spf::sharedmemory::deriveSystemVKey(name)) return entry.second;
+    }
+    return {};
+}
+
+// Around a whole binary: no descriptor, POSIX object or System V segment is left behind.
+class LeakGuard : public ::testing::Environment {
+    void SetUp() override {
+        descriptors_ = openDescriptorCount();
+        objects_ = entries("/dev/shm");
+        segments_ = sysvTable();
+    }
+    void TearDown() override {
+        EXPECT_EQ(openDescriptorCount(), descriptors_) << "descriptors leaked";
+        for (const std::string& name : entries("/dev/shm")) {
+            EXPECT_EQ(objects_.count(name), 1u) << "POSIX object left behind: /dev/shm/" << name;
         }
-    });
-    return found;
-}
-
-void removePosixObject(const std::string& segmentName) { ::unlink(objectPath(segmentName).c_str()); }
-
-void removeSysvKey(key_t key) {
-    forEachSysvLine([&](key_t lineKey, int id, const Ownership&) {
-        if (lineKey == key) {
-            ::shmctl(id, IPC_RMID, nullptr);
+        for (const auto& [id, entry] : sysvTable()) {
+            EXPECT_EQ(segments_.count(id), 1u) << "System V segment left behind: id " << id;
         }
-    });
-}
+    }
+
+    int descriptors_ = 0;
+    std::set<std::string> objects_;
+    std::map<int, std::pair<key_t, Ownership>> segments_;
+};
 
 }  // namespace spf_test
+
+int main(int argc, char** argv) {
+    ::testing::InitGoogleTest(&argc, argv);
+    ::testing::AddGlobalTestEnvironment(new spf_test::LeakGuard);
+    return RUN_ALL_TESTS();
+}
