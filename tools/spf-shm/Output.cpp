@@ -36,8 +36,9 @@ std::string quoted(const std::string& text) {
     return out + "\"";
 }
 
-// Control characters in a name would break the table's lines.
-std::string printable(std::string text) {
+// The object's name as people read it; control characters would break the table's lines.
+std::string printableName(const std::string& name) {
+    std::string text = "/" + name;
     std::replace_if(
         text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, '?');
     return text;
@@ -100,15 +101,19 @@ std::vector<Fact> facts(const Row& row) {
     const bool trusted = (s.mode & 070) == 070;  // the library's rule for a trustee
     std::string pids = "[", pidText;
     for (const pid_t pid : row.users) {
-        pids += (pids.size() > 1 ? "," : "") + std::to_string(pid);
-        pidText += (pidText.empty() ? "" : " ") + std::to_string(pid);
+        if (!pidText.empty()) {
+            pids += ',';
+            pidText += ' ';
+        }
+        pids += std::to_string(pid);
+        pidText += std::to_string(pid);
     }
     char changed[32];
     std::strftime(changed, sizeof changed, "%Y-%m-%d %H:%M:%S %Z", std::localtime(&s.changed));
     const auto number = [](auto value) { return std::to_string(value); };
     std::vector<Fact> list = {
         {"backend", quoted(v ? "sysv" : "posix"), v ? "System V" : "POSIX"},
-        {"name", orNull(!v, quoted("/" + s.name)), v ? "" : "/" + printable(s.name)},
+        {"name", orNull(!v, quoted("/" + s.name)), v ? "" : printableName(s.name)},
         {"key", orNull(v, quoted(hexKey(s.key))), v ? hexKey(s.key) : ""},
         {"id", orNull(v, number(s.id)), v ? number(s.id) : ""},
         {"owner", quoted(userName(s.uid)), userName(s.uid)},
@@ -154,7 +159,7 @@ void printTable(const std::vector<Row>& rows, bool exactSizes) {
     for (const Row& row : rows) {
         const Segment& s = row.segment;
         cells.push_back(
-            {s.sysv ? "sysv" : "posix", s.sysv ? hexKey(s.key) : "/" + printable(s.name),
+            {s.sysv ? "sysv" : "posix", s.sysv ? hexKey(s.key) : printableName(s.name),
              s.sysv ? std::to_string(s.id) : "-", userName(s.uid), groupName(s.gid), octal(s.mode),
              exactSizes ? std::to_string(s.size) : humanSize(s.size),
              std::to_string(s.sysv ? s.attached : row.users.size()), row.state, humanAge(age(s))});
