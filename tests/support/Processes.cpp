@@ -9,7 +9,8 @@
 
 #include "Support.hpp"
 
-// Present only in coverage builds; a child that leaves through _exit must save its counters.
+// Present only in coverage builds (whose link asks for it: a weak reference alone would not pull
+// it out of libgcov); a child that leaves through _exit must save its counters.
 extern "C" void __gcov_dump() __attribute__((weak));
 
 namespace spf_test {
