@@ -66,14 +66,10 @@ void print(const std::vector<Row>& rows, const Arguments& arguments) {
         printTable(rows, arguments.bytes);
 }
 
-bool unlinkObject(const Segment& segment, std::string& why) {
-    if (::shm_unlink(("/" + segment.name).c_str()) == 0) return true;
-    why = std::strerror(errno);
-    return false;
-}
-
-bool removeSegment(const Segment& segment, std::string& why) {
-    if (::shmctl(segment.id, IPC_RMID, nullptr) == 0) return true;
+bool removeFromSystem(const Segment& segment, std::string& why) {
+    const int result = segment.sysv ? ::shmctl(segment.id, IPC_RMID, nullptr)
+                                    : ::shm_unlink(("/" + segment.name).c_str());
+    if (result == 0) return true;
     why = std::strerror(errno);
     return false;
 }
@@ -143,7 +139,7 @@ int show(const Arguments& arguments) {
 int remove(const Arguments& arguments) {
     std::string why;
     for (const Segment& segment : addressed(arguments)) {
-        if (!(segment.sysv ? removeSegment(segment, why) : unlinkObject(segment, why)))
+        if (!removeFromSystem(segment, why))
             throw Failure{"cannot remove " + label(segment) + ": " + why};
         unsigned long attached = 0;
         for (const Segment& left : sysvSegments())
@@ -176,8 +172,7 @@ int prune(const Arguments& arguments) {
         const Segment& segment = row.segment;
         // A segment taken into use meanwhile is kept, which is no failure; a refused removal is.
         const bool orphan = stillOrphan(segment, why);
-        row.removed =
-            orphan && (segment.sysv ? removeSegment(segment, why) : unlinkObject(segment, why));
+        row.removed = orphan && removeFromSystem(segment, why);
         if (!*row.removed) {
             std::fprintf(stderr, "spf-shm: kept %s: %s\n", label(segment).c_str(), why.c_str());
             if (orphan) status = 1;
