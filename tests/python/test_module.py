@@ -37,7 +37,8 @@ def test_python_reads_and_writes_what_cpp_created(backend, trustee):
                             stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
     assert peer.stdout.readline() == "ready\n"
     with SharedMemory.find("samples", 8192, trustee, backend) as segment:
-        assert (segment.is_attached, segment.is_creator, segment.trustee) == (True, False, trustee)
+        assert (segment.is_attached, segment.is_creator, segment.owner, segment.trustee) == (
+            True, False, pwd.getpwuid(os.geteuid()).pw_name, trustee)
         values = np.frombuffer(segment, dtype=np.float64)
         assert values.sum() == 1023 * 1024 / 2
         values *= 2
@@ -87,17 +88,17 @@ def test_failures_raise_the_library_texts(backend, size, trustee, error, text):
 
 @pytest.mark.parametrize("backend", BACKENDS)
 def test_buffers_are_the_segment_and_no_close_outlives_them(backend):
-    with SharedMemory.create("lent", 4096, "", backend) as creator:
+    with SharedMemory("lent", 4096, "", backend, create=True) as creator:
         view = memoryview(creator)
         assert (len(view), view.readonly) == (4096, False)
         view[100] = 42
-        with SharedMemory.find("lent", 4096, "", backend) as finder:
-            assert np.frombuffer(finder, np.uint8)[100] == 42
+        with SharedMemory("lent", 4096, "", backend) as finder:
+            assert not finder.is_creator and np.frombuffer(finder, np.uint8)[100] == 42
         with pytest.raises(BufferError):
             creator.close()
         assert creator.is_attached and view[100] == 42
         view.release()
-    for unattached in [creator, SharedMemory.find("lent", 4096, "", backend)]:
+    for unattached in [creator, SharedMemory("lent", 4096, "", backend, create=False)]:
         with pytest.raises(BufferError):
             memoryview(unattached)
 
