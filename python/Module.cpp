@@ -63,8 +63,13 @@ const std::string& checked(const std::string& text) {
 }
 
 // The opening runs without the GIL: it makes system calls and may wait on the group database.
+// Backend(2) is a valid Python object; the library would answer it with an empty handle, which
+// every later call refuses, so it is refused here.
 template <typename Open>
 std::unique_ptr<Segment> open(std::string name, unsigned long size, Backend backend, Open opening) {
+    if (backend != SharedMemory::Posix && backend != SharedMemory::SysV) {
+        throw py::value_error("unknown backend " + std::to_string(static_cast<int>(backend)));
+    }
     std::optional<SharedMemory> handle;
     {
         py::gil_scoped_release unlocked;
