@@ -120,7 +120,8 @@ def main():
     for segment in segments:
         segment.close()
     # Closing removed what this process created; the outside view, by the names it derived:
-    left = [name for name, backend in made if SharedMemory.find(name, SIZE, "", backend).is_attached]
+    left = [name for name, backend in made
+            if SharedMemory.find(name, SIZE, "", backend).is_attached]
     if left:
         print(f"python_bench: left behind: {left}", file=sys.stderr)
     return 1 if status != 0 or left else 0

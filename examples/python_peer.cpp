@@ -23,8 +23,9 @@ int main(int argc, char** argv) {
     const std::string trustee = argc > 2 + sysv ? argv[2 + sysv] : "";
     constexpr std::size_t kCount = 1024;
     try {
-        SharedMemory segment = SharedMemory::create(name, kCount * sizeof(double), trustee,
-                                                    sysv ? SharedMemory::SysV : SharedMemory::Posix);
+        const auto backEnd = sysv ? SharedMemory::SysV : SharedMemory::Posix;
+        SharedMemory segment =
+            SharedMemory::create(name, kCount * sizeof(double), trustee, backEnd);
         if (!segment.isAttached()) {
             std::cerr << "spf-python-peer: the segment exists already\n";
             return 1;

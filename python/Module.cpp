@@ -80,11 +80,14 @@ std::unique_ptr<Segment> open(std::string name, unsigned long size, Backend back
 
 using Factory = SharedMemory (*)(const std::string&, unsigned long, const std::string&, Backend);
 
-std::unique_ptr<Segment> derived(Factory factory, const std::string& name, unsigned long size,
-                                 const std::string& trustee, Backend backend) {
-    checked(trustee);
-    return open(sm::deriveSegmentName(name, trustee), size, backend,
-                [&] { return factory(name, size, trustee, backend); });
+// One of the static functions that derive the name, as a Python static method.
+auto derivedBy(Factory factory) {
+    return [factory](const std::string& name, unsigned long size, const std::string& trustee,
+                     Backend backend) {
+        checked(trustee);
+        return open(sm::deriveSegmentName(name, trustee), size, backend,
+                    [&] { return factory(name, size, trustee, backend); });
+    };
 }
 
 // The buffer protocol by hand rather than through pybind11's def_buffer: close() must know how
@@ -100,11 +103,11 @@ Segment* segmentOf(PyObject* object) {
 
 int exportBuffer(PyObject* object, Py_buffer* view, int flags) {
     Segment* segment = segmentOf(object);
-    const char* refusal = segment == nullptr                 ? "not a segment"
-                          : !segment->held                   ? "the segment is closed"
-                          : !segment->held->isAttached()     ? "the segment is not attached"
-                          : segment->size > PY_SSIZE_T_MAX   ? "the segment is too large"
-                                                             : nullptr;
+    const char* refusal = segment == nullptr               ? "not a segment"
+                          : !segment->held                 ? "the segment is closed"
+                          : !segment->held->isAttached()   ? "the segment is not attached"
+                          : segment->size > PY_SSIZE_T_MAX ? "the segment is too large"
+                                                           : nullptr;
     if (refusal != nullptr) {
         view->obj = nullptr;
         PyErr_SetString(PyExc_BufferError, refusal);
@@ -194,31 +197,19 @@ create None creates or finds it, True only creates it, False only finds it. trus
 group name ("" for none): a creator hands the segment to it; a finder that names one stays
 unattached unless the segment trusts exactly that group. Raises RuntimeError when a system
 call fails or the sizes disagree, ValueError when trustee names no group.)")
-        .def_static(
-            "create",
-            [](const std::string& name, unsigned long size, const std::string& trustee,
-               Backend backend) { return derived(&SharedMemory::create, name, size, trustee, backend); },
-            py::arg("name"), py::arg("size"), py::arg("trustee") = "",
-            py::arg("backend") = SharedMemory::Posix,
-            "Create only, under the name derived from name and trustee (derive_segment_name);\n"
-            "not attached when that name is taken. Raises as the constructor.")
-        .def_static(
-            "find",
-            [](const std::string& name, unsigned long size, const std::string& trustee,
-               Backend backend) { return derived(&SharedMemory::find, name, size, trustee, backend); },
-            py::arg("name"), py::arg("size"), py::arg("trustee") = "",
-            py::arg("backend") = SharedMemory::Posix,
-            "Find only, under the derived name; not attached when no segment has it.\n"
-            "Raises as the constructor.")
-        .def_static(
-            "create_or_find",
-            [](const std::string& name, unsigned long size, const std::string& trustee,
-               Backend backend) {
-                return derived(&SharedMemory::createOrFind, name, size, trustee, backend);
-            },
-            py::arg("name"), py::arg("size"), py::arg("trustee") = "",
-            py::arg("backend") = SharedMemory::Posix,
-            "Create or find under the derived name. Raises as the constructor.")
+        .def_static("create", derivedBy(&SharedMemory::create), py::arg("name"), py::arg("size"),
+                    py::arg("trustee") = "", py::arg("backend") = SharedMemory::Posix,
+                    "Create only, under the name derived from name and trustee\n"
+                    "(derive_segment_name); not attached when that name is taken. Raises as the\n"
+                    "constructor.")
+        .def_static("find", derivedBy(&SharedMemory::find), py::arg("name"), py::arg("size"),
+                    py::arg("trustee") = "", py::arg("backend") = SharedMemory::Posix,
+                    "Find only, under the derived name; not attached when no segment has it.\n"
+                    "Raises as the constructor.")
+        .def_static("create_or_find", derivedBy(&SharedMemory::createOrFind), py::arg("name"),
+                    py::arg("size"), py::arg("trustee") = "",
+                    py::arg("backend") = SharedMemory::Posix,
+                    "Create or find under the derived name. Raises as the constructor.")
         .def_property_readonly(
             "is_creator", [](Segment& self) { return self.handle().isCreator(); },
             "Whether this process created the segment. ValueError once closed.")

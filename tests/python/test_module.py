@@ -72,7 +72,8 @@ def test_cpp_finds_what_python_created_until_the_creator_lets_go(backend, let_go
      "SystemError:SharedMemory:getgrnam:trustee=spf-no-group:error= -1"),
     (Backend.SYSV, 4096, "spf-no-group", ValueError,
      "SystemError:SharedMemory:getgrnam:trustee=spf-no-group:error= 0"),
-    (Backend.POSIX, 8192, "", RuntimeError, "SystemError:SharedMemory:attach:st_size/{name}:error=17"),
+    (Backend.POSIX, 8192, "", RuntimeError, "SystemError:SharedMemory:attach:st_size/{name}:"
+     "error=17"),
     (Backend.SYSV, 8192, "", RuntimeError,
      "SystemError:SharedMemory:find:shmget: name=</{name}>, owning group=<>, owning user=<{user}>, "
      "selected group=<>, current username=<{euid}>, error=22"),
