@@ -43,8 +43,7 @@ def test_python_reads_and_writes_what_cpp_created(backend, trustee):
         assert values.sum() == 1023 * 1024 / 2
         values *= 2
         del values
-    assert float(peer.communicate("done\n")[0]) == 1023 * 1024
-    assert peer.returncode == 0
+    assert float(peer.communicate("done\n")[0]) == 1023 * 1024 and peer.returncode == 0
     assert not SharedMemory.find("samples", 8192, trustee, backend).is_attached
 
 
