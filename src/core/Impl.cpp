@@ -1,8 +1,15 @@
 #include "core/Impl.hpp"
 
+#include <sys/mman.h>
+
 #include <stdexcept>
 
 #include "core/Report.hpp"
+
+// Linux 5.14 and later; older C library headers lack the name, older kernels refuse the advice.
+#ifndef MADV_POPULATE_WRITE
+#define MADV_POPULATE_WRITE 23
+#endif
 
 namespace agent::spf::sharedmemory {
 
@@ -40,6 +47,30 @@ void SharedMemory::Impl::makePersistent() {
     report<std::runtime_error>(
         "API error: Making shared memory persistent is not available to finder processes",
         "makePersistent(): ", "Cannot be called from a finder object");
+}
+
+void SharedMemory::Impl::requireAttached() const {
+    if (pointer == nullptr) {
+        report<std::runtime_error>(
+            "API error: Reserving shared memory is not available to unattached handles",
+            "reserve(): Cannot be called on an unattached object: <", name, ">");
+    }
+}
+
+bool SharedMemory::Impl::populate() const {
+    int result;
+    while ((result = ::madvise(pointer, size, MADV_POPULATE_WRITE)) == -1 && errno == EINTR) {
+    }
+    if (result == 0) {
+        return true;
+    }
+    if (errno == EINVAL) {
+        return false;
+    }
+    const int error = errno;
+    report<std::runtime_error>(
+        "SystemError:SharedMemory:reserve:madvise" + name + ":error=" + errorNumber(error),
+        "reserve(): Failed to populate the segment: <", name, ">. (Error ", error, ")");
 }
 
 bool SharedMemory::Impl::tryCreateOrFind(int& handle) {
