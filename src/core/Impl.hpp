@@ -57,9 +57,11 @@ public:
 
     // What both back ends' reserve() do: refuse a handle that maps nothing, and fault every page
     // of the mapping in for writing. populate() returns false when the kernel does not know how
-    // (before Linux 5.14) and throws on any other failure.
+    // (before Linux 5.14) and throws on any other failure; touchEveryPage() reads or writes one
+    // byte of each page without changing it.
     void requireAttached() const;
     bool populate() const;
+    void touchEveryPage(bool write) const;
 
     bool tryCreateOrFind(int& handle);
     int createOrFind();
