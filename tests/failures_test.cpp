@@ -55,6 +55,8 @@ std::string R(const std::string& text) { return "runtime_error: SystemError:Shar
 std::string I(const std::string& text) { return "invalid_argument: SystemError:SharedMemory:getgrnam:trustee=" + text; }
 
 const char* const kRefused = ">, owning group=<>, owning user=<>, selected group=<>, current username=<{E}>, error=22";
+const char* const kUnattached =
+    "runtime_error: API error: Reserving shared memory is not available to unattached handles";
 const char* const kTripped =
     "createOrFind:{N}:the segment could be neither created nor found after 10000 attempts:error=2";
 const char* const kTrippedRecord =
@@ -167,8 +169,9 @@ const std::vector<Row> kRows = {
      .records = {"reserve(): Failed to populate the segment: <{N}>. (Error 14)"}},
     {.label = "posix reserve interrupted, madvise unknown", .step = Reserve,
      .faults = {fail(Call::posix_fallocate, EINTR), fail(Call::madvise, EINVAL)}, .outcome = "reserved"},
-    {.label = "posix reserve unattached", .how = Create, .existing = "", .step = Reserve,
-     .outcome = "runtime_error: API error: Reserving shared memory is not available to unattached handles",
+    {.label = "posix reserve unattached", .how = Create, .existing = "", .step = Reserve, .outcome = kUnattached,
+     .records = {"reserve(): Cannot be called on an unattached object: <{N}>"}},
+    {.label = "sysv reserve unattached", .spec = V, .how = Find, .step = Reserve, .outcome = kUnattached,
      .records = {"reserve(): Cannot be called on an unattached object: <{N}>"}},
     // Taken, missing and foreign segments open nothing, quietly, and remove nothing.
     {.label = "posix create on a taken name", .how = Create, .existing = "", .outcome = "unattached"},
