@@ -5,7 +5,10 @@
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
+#include <sched.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/shm.h>
 #include <unistd.h>
 
@@ -159,6 +162,51 @@ TEST(Backends, PosixLookupsDoubleTheirBufferUntilALargeEntryFits) {
     disarmAll();
 }
 
+// Page faults of a first write to every page of two mappings; not checked through AddressSanitizer's
+// shadow memory, whose own first reads would fault.
+__attribute__((no_sanitize_address)) long faultsWritingEveryPage(char* a, char* b, unsigned long size) {
+    rusage before, after;
+    ::getrusage(RUSAGE_SELF, &before);
+    for (unsigned long at = 0; at < size; at += 4096) a[at] = b[at] = 'w';
+    ::getrusage(RUSAGE_SELF, &after);
+    return after.ru_minflt - before.ru_minflt;
+}
+
+TEST(Backends, ReserveBacksEveryByteOfCreatorAndFinderAndMapsItInUnchanged) {
+    constexpr unsigned long kLarge = 4 << 20;
+    for (const Spec spec : kBackEnds) {
+        const std::string name = uniqueName();
+        SharedMemory creator(name, kLarge, true, "", spec), finder(name, kLarge, false, "", spec);
+        std::strcpy(bytes(creator) + kLarge - 5, "last");
+        creator.reserve();
+        if (spec == V) arm({Call::madvise, EINVAL});  // a kernel before 5.14: every page is touched instead
+        finder.reserve();
+        EXPECT_STREQ(bytes(finder) + kLarge - 5, "last");
+        EXPECT_GE(ownership(name, spec).allocated, kLarge);
+        EXPECT_LT(faultsWritingEveryPage(bytes(creator), bytes(finder), kLarge), 8);
+    }
+}
+
+TEST(Backends, PosixReserveOnAFullDevShmThrowsWhereTouchingWouldRaiseSigbus) {
+    if (!isRoot()) GTEST_SKIP() << "needs root to mount a small /dev/shm of its own";
+    const std::string name = uniqueName();
+    Pipe heard;
+    EXPECT_EQ(runInChild([&] {  // a signal would show as 128 + its number
+                  if (::unshare(CLONE_NEWNS) != 0 || ::mount("", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+                      ::mount("tmpfs", "/dev/shm", "tmpfs", 0, "size=1m,mode=1777") != 0) return 90;
+                  LogCapture log;
+                  std::optional<SharedMemory> big(std::in_place, name, 4 << 20, true, "", P);
+                  heard.send(thrown([&] { big->reserve(); }));
+                  for (const std::string& record : log.messages()) heard.send("\n" + record);
+                  const bool unchanged = big->isAttached() && ownership(name, P).allocated == 0;
+                  big.reset();
+                  return unchanged && !exists(name, P) ? 0 : 91;
+              }),
+              0);
+    EXPECT_EQ(heard.receive(), "runtime_error: SystemError:SharedMemory:reserve:posix_fallocate/" + name +
+                                   ":error=28\nreserve(): Failed to reserve the segment: </" + name + ">. (Error 28)");
+}
+
 TEST(Handle, ConstructorsOpenTheNameAsGivenAndStaticFunctionsTheDerivedOne) {
     for (const Spec spec : kBackEnds) {
         const std::string name = uniqueName(), derived = sm::deriveSegmentName(name, "");
@@ -191,8 +239,8 @@ TEST(Handle, EmptyHandlesFromMovesOrAnUnknownBackEndRefuseEverything) {
         const std::string refused = thrown([&] { empty->isCreator(); }) + thrown([&] { empty->getPointer(); }) +
                                     thrown([&] { empty->isAttached(); }) + thrown([&] { empty->markForDeletion(); }) +
                                     thrown([&] { empty->makePersistent(); }) + thrown([&] { empty->getTrustee(); }) +
-                                    thrown([&] { empty->getOwner(); });
-        EXPECT_EQ(refused, refusal + refusal + refusal + refusal + refusal + refusal + refusal);
+                                    thrown([&] { empty->getOwner(); }) + thrown([&] { empty->reserve(); });
+        EXPECT_EQ(refused, refusal + refusal + refusal + refusal + refusal + refusal + refusal + refusal);
     }
 }
 

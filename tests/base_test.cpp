@@ -23,6 +23,7 @@ public:
     std::string getOwner() const override { return ""; }
     std::string setTrustee(const std::string& requested) override { return requested; }
     void* attach() override { return nullptr; }
+    void reserve() override {}
     void detach() override { calls.push_back("detach"); }
     void removeAndClose() override { calls.push_back("removeAndClose"); }
     int create() override { return next(creates, "create"); }

@@ -27,7 +27,7 @@ constexpr unsigned long kSize = 4096;
 
 // How the subject opens its segment, and what runs while the faults are armed.
 enum How { Either, Create, Find, StaticEither, StaticCreate, StaticFind };
-enum Step { Open, Owner, Trustee, Close };
+enum Step { Open, Owner, Trustee, Close, Reserve };
 
 struct Row {
     const char* label;
@@ -55,6 +55,8 @@ std::string R(const std::string& text) { return "runtime_error: SystemError:Shar
 std::string I(const std::string& text) { return "invalid_argument: SystemError:SharedMemory:getgrnam:trustee=" + text; }
 
 const char* const kRefused = ">, owning group=<>, owning user=<>, selected group=<>, current username=<{E}>, error=22";
+const char* const kUnattached =
+    "runtime_error: API error: Reserving shared memory is not available to unattached handles";
 const char* const kTripped =
     "createOrFind:{N}:the segment could be neither created nor found after 10000 attempts:error=2";
 const char* const kTrippedRecord =
@@ -157,6 +159,20 @@ const std::vector<Row> kRows = {
      .records = {"detach(): Failed to detach the segment: <{N}>. (Error 22)"}},
     {.label = "sysv IPC_RMID", .spec = V, .step = Close, .faults = {failShmctl(IPC_RMID, EPERM, true)},
      .outcome = "closed", .records = {"removeAndClose(): Failed to remove/unlink the segment: <{N}>. (Error 1)"}},
+    // Reserving: a refusal leaves the handle attached; an interruption is repeated, and a kernel that
+    // does not know populating (before 5.14) leaves the reservation alone.
+    {.label = "posix posix_fallocate", .step = Reserve, .faults = {fail(Call::posix_fallocate, ENOSPC)},
+     .outcome = R("reserve:posix_fallocate{N}:error=28"),
+     .records = {"reserve(): Failed to reserve the segment: <{N}>. (Error 28)"}},
+    {.label = "posix madvise", .step = Reserve, .faults = {fail(Call::madvise, EFAULT)},
+     .outcome = R("reserve:madvise{N}:error=14"),
+     .records = {"reserve(): Failed to populate the segment: <{N}>. (Error 14)"}},
+    {.label = "posix reserve interrupted, madvise unknown", .step = Reserve,
+     .faults = {fail(Call::posix_fallocate, EINTR), fail(Call::madvise, EINVAL)}, .outcome = "reserved"},
+    {.label = "posix reserve unattached", .how = Create, .existing = "", .step = Reserve, .outcome = kUnattached,
+     .records = {"reserve(): Cannot be called on an unattached object: <{N}>"}},
+    {.label = "sysv reserve unattached", .spec = V, .how = Find, .step = Reserve, .outcome = kUnattached,
+     .records = {"reserve(): Cannot be called on an unattached object: <{N}>"}},
     // Taken, missing and foreign segments open nothing, quietly, and remove nothing.
     {.label = "posix create on a taken name", .how = Create, .existing = "", .outcome = "unattached"},
     {.label = "sysv create on a taken name", .spec = V, .how = Create, .existing = "", .outcome = "unattached"},
@@ -277,6 +293,7 @@ TEST(Failures, EveryFailureReportsExactlyAndLeavesNothingBehind) {
                 case Owner: result = "owner " + subject->getOwner(); break;
                 case Trustee: result = "trustee " + subject->getTrustee(); break;
                 case Close: subject.reset(), result = "closed"; break;
+                case Reserve: subject->reserve(), result = subject->isAttached() ? "reserved" : "?"; break;
             }
         });
         for (const Fault& fault : row.faults) {

@@ -1,8 +1,16 @@
 #include "core/Impl.hpp"
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <stdexcept>
 
 #include "core/Report.hpp"
+
+// Linux 5.14 and later; older C library headers lack the name, older kernels refuse the advice.
+#ifndef MADV_POPULATE_WRITE
+#define MADV_POPULATE_WRITE 23
+#endif
 
 namespace agent::spf::sharedmemory {
 
@@ -40,6 +48,48 @@ void SharedMemory::Impl::makePersistent() {
     report<std::runtime_error>(
         "API error: Making shared memory persistent is not available to finder processes",
         "makePersistent(): ", "Cannot be called from a finder object");
+}
+
+void SharedMemory::Impl::requireAttached() const {
+    if (pointer == nullptr) {
+        report<std::runtime_error>(
+            "API error: Reserving shared memory is not available to unattached handles",
+            "reserve(): Cannot be called on an unattached object: <", name, ">");
+    }
+}
+
+bool SharedMemory::Impl::populate() const {
+    int result;
+    while ((result = ::madvise(pointer, size, MADV_POPULATE_WRITE)) == -1 && errno == EINTR) {
+    }
+    if (result == 0) {
+        // The page tables hold every page now, but a hypervisor that shadows them builds its own
+        // entry only at the first access to a page, at the cost of an exit per page: one read of
+        // each moves that cost here too, and leaves every byte as it is.
+        touchEveryPage(false);
+        return true;
+    }
+    if (errno == EINVAL) {
+        return false;
+    }
+    const int error = errno;
+    report<std::runtime_error>(
+        "SystemError:SharedMemory:reserve:madvise" + name + ":error=" + errorNumber(error),
+        "reserve(): Failed to populate the segment: <", name, ">. (Error ", error, ")");
+}
+
+void SharedMemory::Impl::touchEveryPage(bool write) const {
+    const unsigned long page = static_cast<unsigned long>(::sysconf(_SC_PAGESIZE));
+    auto* const bytes = static_cast<volatile char*>(pointer);
+    for (unsigned long offset = 0; offset < size; offset += page) {
+        if (write) {
+            // Adding zero atomically changes no byte, not even one that another process writes
+            // at the same moment.
+            __atomic_fetch_add(bytes + offset, 0, __ATOMIC_RELAXED);
+        } else {
+            (void)bytes[offset];
+        }
+    }
 }
 
 bool SharedMemory::Impl::tryCreateOrFind(int& handle) {

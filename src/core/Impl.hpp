@@ -33,6 +33,8 @@ public:
     virtual int find() = 0;
     virtual std::string setTrustee(const std::string& trustee) = 0;
     virtual void* attach() = 0;
+    // Backs the attached segment with memory and maps all of it in; never changes a byte.
+    virtual void reserve() = 0;
     // Teardown steps: they log failures and never throw.
     virtual void detach() = 0;
     virtual void removeAndClose() = 0;
@@ -52,6 +54,14 @@ public:
     // removeAndClose() leaves it, so that a text built afterwards reads what the failure (or a
     // failed removal) set.
     virtual void abandon() noexcept;
+
+    // What both back ends' reserve() do: refuse a handle that maps nothing, and fault every page
+    // of the mapping in for writing. populate() returns false when the kernel does not know how
+    // (before Linux 5.14) and throws on any other failure; touchEveryPage() reads or writes one
+    // byte of each page without changing it.
+    void requireAttached() const;
+    bool populate() const;
+    void touchEveryPage(bool write) const;
 
     bool tryCreateOrFind(int& handle);
     int createOrFind();

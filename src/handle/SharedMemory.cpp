@@ -67,6 +67,7 @@ void SharedMemory::markForDeletion() { held().markForDeletion(); }
 void SharedMemory::makePersistent() { held().makePersistent(); }
 std::string SharedMemory::getTrustee() const { return held().getTrustee(); }
 std::string SharedMemory::getOwner() const { return held().getOwner(); }
+void SharedMemory::reserve() { held().reserve(); }
 
 SharedMemory SharedMemory::create(const std::string& name, unsigned long size,
                                   const std::string& trustee, ImplementationSpecifications spec) {

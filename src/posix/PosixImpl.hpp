@@ -21,6 +21,7 @@ public:
     int find() override;
     std::string setTrustee(const std::string& trustee) override;
     void* attach() override;
+    void reserve() override;
     void detach() override;
     void removeAndClose() override;
     // removeAndClose(), then closes the descriptor that it forgot; errno is kept across the

@@ -22,6 +22,7 @@ public:
     int find() override;
     std::string setTrustee(const std::string& trustee) override;
     void* attach() override;
+    void reserve() override;
     void detach() override;
     void removeAndClose() override;
 

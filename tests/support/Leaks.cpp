@@ -36,8 +36,8 @@ std::map<int, std::pair<key_t, Ownership>> sysvTable() {
         int id;
         Ownership entry;
         fields >> key >> id >> std::oct >> entry.mode >> std::dec >> entry.size >> pid >> pid >> pid >> entry.uid >>
-            entry.gid;
-        table[id] = {static_cast<key_t>(key), {entry.mode & 0777, entry.uid, entry.gid, entry.size}};
+            entry.gid >> pid >> pid >> pid >> pid >> pid >> entry.allocated;
+        table[id] = {static_cast<key_t>(key), {entry.mode & 0777, entry.uid, entry.gid, entry.size, entry.allocated}};
     }
     return table;
 }
@@ -64,7 +64,8 @@ Ownership ownership(const std::string& name, Spec spec) {
     struct stat status;
     if (spec == P) {
         if (entries("/dev/shm").count(name) == 0 || ::stat(("/dev/shm/" + name).c_str(), &status) != 0) return {};
-        return {status.st_mode & 0777u, status.st_uid, status.st_gid, static_cast<unsigned long long>(status.st_size)};
+        return {status.st_mode & 0777u, status.st_uid, status.st_gid, static_cast<unsigned long long>(status.st_size),
+                static_cast<unsigned long long>(status.st_blocks) * 512};
     }
     for (const auto& [id, entry] : sysvTable()) {
         if (entry.first == agent::spf::sharedmemory::deriveSystemVKey(name)) return entry.second;

@@ -24,9 +24,9 @@ std::string uniqueName(const std::string& tag = "seg");  // the pid and a counte
 int openDescriptorCount();
 // Mappings of POSIX objects and System V segments only: an allocator maps memory of its own.
 int segmentMappingCount();
-// Permission bits, owner, group and size of the segment of `name` (without its leading "/") as
-// /dev/shm or the System V table record them; all 0 when there is none.
-struct Ownership { unsigned mode = 0; uid_t uid = 0; gid_t gid = 0; unsigned long long size = 0; };
+// Permission bits, owner, group, size and allocated bytes (System V: resident) of the segment of
+// `name` (without its leading "/") as /dev/shm or the System V table record them; all 0 if none.
+struct Ownership { unsigned mode = 0; uid_t uid = 0; gid_t gid = 0; unsigned long long size = 0, allocated = 0; };
 Ownership ownership(const std::string& name, Spec spec);
 inline bool exists(const std::string& name, Spec spec) { return ownership(name, spec).mode != 0; }
 
@@ -87,7 +87,7 @@ struct LogCapture {
 // The test binaries define the system calls the library makes and forward them to the real ones
 // unless a fault is armed: this reaches failures the kernel will not produce on demand.
 enum class Call { shm_open, shm_unlink, fstat, ftruncate, mmap, munmap, close, fchown, fchmod,
-                  shmget, shmat, shmdt, shmctl, getgrgid_r, getgrnam_r, getpwuid_r, kCount };
+                  shmget, shmat, shmdt, shmctl, getgrgid_r, getgrnam_r, getpwuid_r, posix_fallocate, madvise, kCount };
 struct Fault {
     Call call;
     int error;                  // errno the failing call leaves

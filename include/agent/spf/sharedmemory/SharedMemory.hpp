@@ -122,6 +122,11 @@ public:
     // The user owning the segment, asked anew on each call; empty when the owner class of the
     // segment's mode lacks any of rwx. Throws std::runtime_error like getTrustee().
     std::string getOwner() const;
+    // Backs every byte of the mapped segment with memory and maps it in now, so that no later
+    // access through this handle faults for lack of memory or pays a first-touch page fault;
+    // the contents do not change. Throws std::runtime_error when the memory is not there
+    // (error=28: /dev/shm is full) or the handle is unattached; the handle stays as it was.
+    void reserve();
 
     // The static functions do not use `name` as the segment name: they derive a 1-16 digit
     // hexadecimal name from `name` and `trustee` (or, with an empty trustee, the effective
