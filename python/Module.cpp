@@ -232,7 +232,12 @@ call fails or the sizes disagree, ValueError when trustee names no group.)")
             "make_persistent", [](Segment& self) { self.handle().makePersistent(); },
             "Creator only: keep the segment in the system after close. RuntimeError on a\n"
             "finder, which changes nothing.")
-        // reserve() binds here once the library has it.
+        // The GIL stays held: another thread's close() must not unmap what this one populates.
+        .def(
+            "reserve", [](Segment& self) { self.handle().reserve(); },
+            "Back every byte of the segment with memory now and map it in, so that no access\n"
+            "faults for lack of memory (a full /dev/shm raises RuntimeError with error 28\n"
+            "instead of a SIGBUS later). Contents do not change.")
         .def("close", &Segment::close,
              "Unmap the segment and remove it when it is marked for deletion. BufferError while a\n"
              "memoryview or NumPy array of it is alive (release or delete those first). A second\n"

@@ -71,7 +71,8 @@ class SharedMemory:
         """Have the segment removed from the system at close, whatever the role."""
     def make_persistent(self) -> None:
         """Creator only: keep the segment after close. RuntimeError on a finder."""
-    # reserve() goes here once the library has it.
+    def reserve(self) -> None:
+        """Back every byte with memory now; RuntimeError (error 28) when /dev/shm is full."""
     def close(self) -> None:
         """Unmap, and remove when marked for deletion. BufferError while a buffer is alive."""
     def __enter__(self) -> SharedMemory: ...

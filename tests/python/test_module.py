@@ -39,6 +39,7 @@ def test_python_reads_and_writes_what_cpp_created(backend, trustee):
     with SharedMemory.find("samples", 8192, trustee, backend) as segment:
         assert (segment.is_attached, segment.is_creator, segment.owner, segment.trustee) == (
             True, False, pwd.getpwuid(os.geteuid()).pw_name, trustee)
+        segment.reserve()  # changes no byte the C++ side wrote
         values = np.frombuffer(segment, dtype=np.float64)
         assert values.sum() == 1023 * 1024 / 2
         values *= 2
