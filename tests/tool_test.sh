@@ -46,7 +46,7 @@ run 0 name --sysv seg grp; has "$out" "^0x[0-9a-f]{8}$"
 : > "/dev/shm/$n-empty"; chmod 600 "/dev/shm/$n-empty"
 mkdir "/dev/shm/$n-dir"; ln -s "$n-empty" "/dev/shm/$n-link"
 run 0 show "$n-empty"; has "$out" "^size: 0$"
-run 0 list; has "$out" "^posix +/$n-empty +- +root +root +0600 +0 "; lacks "$out" "$n-(dir|link)"
+run 0 list; has "$out" "^posix +/$n-empty +- +root +root +0600 +0B +0B "; lacks "$out" "$n-(dir|link)"
 setpriv --reuid=65534 --regid=65534 --clear-groups "$tool" show "/$n-empty" >"$out" 2>"$err" || fail "nobody cannot show"
 has "$out" "^owner: root$"
 [ "$(stat -c %s "/dev/shm/$n-empty")" = 0 ] || fail "looking sized the empty object"
@@ -62,7 +62,7 @@ for b in --posix --sysv; do
     run 0 show $o "$n-keep"; has "$out" "^mode: 0770$"; has "$out" "^trustee: staff$"; has "$out" "^state: (orphan|unknown)$"
     run 0 list $b --json
     python3 -c 'import json, sys
-rows = json.load(open(sys.argv[1]))
+rows = json.load(open(sys.argv[1]))["segments"]
 keep = [r for r in rows if r["name"] == "/" + sys.argv[2] or r["key"] == sys.argv[3]]
 assert len(keep) == 1 and keep[0]["size"] == 4096 and keep[0]["group"] == "staff", keep
 assert all(sorted(r) == sorted(rows[0]) for r in rows)' "$out" "$n-keep" "$(key "$n-keep")" || fail "list $b --json"
@@ -94,7 +94,7 @@ for b in --posix --sysv; do
     waitfor "$held"; waitfor "$out"
     kill -KILL "$victim"; wait "$victim" 2>/dev/null
     if [ -n "$o" ]; then dead=$(key "$n-dead") live=$(key "$n-held"); else dead=/$n-dead live=/$n-held; fi
-    run 0 orphans $b --bytes; has "$out" "^${b#--} +$dead .* 4096 +0 +orphan "; lacks "$out" "$live"
+    run 0 orphans $b --bytes; has "$out" "^${b#--} +$dead .* 4096 +0 +0 +orphan "; lacks "$out" "$live"
     run 0 list $b; has "$out" "^${b#--} +$live .* in-use "
     run 0 prune $b --name "$n-dead"; has "$out" "$dead"; has "$err" "1 orphan\(s\) would be removed"
     run 0 show $o "$n-dead"
