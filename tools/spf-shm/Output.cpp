@@ -360,11 +360,10 @@ std::string humanSize(unsigned long long bytes) {
         if (tenths == 10) ++whole, tenths = 0;
     }
     const char unit = "BKMGTPE"[exponent / 10];
-    const lconv* locale = std::localeconv();
-    const char* point = locale && *locale->decimal_point ? locale->decimal_point : ".";
+    static const std::string point = *std::localeconv()->decimal_point ? std::localeconv()->decimal_point : ".";
     char text[40];
     if (tenths > 0)
-        std::snprintf(text, sizeof text, "%llu%s%llu%c", whole, point, tenths, unit);
+        std::snprintf(text, sizeof text, "%llu%s%llu%c", whole, point.c_str(), tenths, unit);
     else
         std::snprintf(text, sizeof text, "%llu%c", whole, unit);
     return text;
@@ -375,8 +374,9 @@ Row makeRow(const Segment& segment, const Usage& usage) {
 }
 
 std::string label(const Segment& segment) {
-    return segment.sysv ? hexKey(segment.key) + " (id " + std::to_string(segment.id) + ")"
-                        : "/" + escapedName(segment.name);
+    if (segment.sysv) return hexKey(segment.key) + " (id " + std::to_string(segment.id) + ")";
+    std::string text = "/";  // not "/" + escapedName(...): GCC 12 warns of an overlap there
+    return text.append(escapedName(segment.name));
 }
 
 void checkColumns(const Arguments& arguments) { chosenColumns(arguments); }
