@@ -369,8 +369,10 @@ std::string humanSize(unsigned long long bytes) {
     return text;
 }
 
-Row makeRow(const Segment& segment, const Usage& usage) {
-    return Row{segment, state(segment, usage), users(segment, usage), std::nullopt, &usage};
+Row makeRow(Segment segment, const Usage& usage) {
+    std::string judged = state(segment, usage);
+    std::vector<pid_t> found = users(segment, usage);
+    return Row{std::move(segment), std::move(judged), std::move(found), std::nullopt, &usage};
 }
 
 std::string label(const Segment& segment) {

@@ -20,7 +20,7 @@ struct Row {
     const Usage* usage = nullptr;   // who lives, for the COMMAND column
 };
 
-Row makeRow(const Segment& segment, const Usage& usage);
+Row makeRow(Segment segment, const Usage& usage);
 
 // The table, raw table or JSON that the arguments ask for, with their columns.
 void printTable(const std::vector<Row>& rows, const Arguments& arguments);

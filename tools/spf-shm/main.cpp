@@ -1,5 +1,7 @@
 // spf-shm: look at the shared-memory segments of this host, find the ones that crashed
 // processes left behind, and create, find or remove segments as the library does.
+#include <malloc.h>
+
 #include <cerrno>
 #include <clocale>
 #include <cstdio>
@@ -44,6 +46,9 @@ int main(int argc, char** argv) {
     // The locale decides which characters a terminal can print, their widths, and the
     // decimal point of sizes.
     std::setlocale(LC_ALL, "");
+    // A listing of thousands of segments grows and drops arrays of a few hundred KiB; served
+    // from mmap, each would be mapped afresh and fault in page by page.
+    ::mallopt(M_MMAP_THRESHOLD, 64 << 20);
     const int status = run(argc, argv);
     // A listing that did not reach its reader (a full disk, a closed pipe) is a failure.
     if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
