@@ -168,7 +168,8 @@ uid_t parseOwner(const std::string& text) {
 // The bytes that --name-hex spells, two hexadecimal digits each.
 std::string parseHex(const std::string& text) {
     std::string bytes;
-    if (text.size() % 2 == 0 && text.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos) {
+    if (text.size() % 2 == 0 &&
+        text.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos) {
         for (std::size_t at = 0; at < text.size(); at += 2)
             bytes += static_cast<char>(std::stoi(text.substr(at, 2), nullptr, 16));
     }
@@ -283,7 +284,8 @@ Arguments parseArguments(int argc, char** argv) {
     std::vector<option> longOptions;
     for (const Option& o : kOptions) {
         longOptions.push_back({o.name, o.hasArgument, nullptr, o.id});
-        if (o.id < 256) shortOptions += std::string(1, static_cast<char>(o.id)) + (o.hasArgument ? ":" : "");
+        if (o.id < 256)
+            shortOptions += std::string(1, static_cast<char>(o.id)) + (o.hasArgument ? ":" : "");
     }
     longOptions.push_back({nullptr, 0, nullptr, 0});
     Arguments arguments;
@@ -291,14 +293,18 @@ Arguments parseArguments(int argc, char** argv) {
     ::opterr = 0;
     ::optind = 0;  // a full restart of getopt's scan
     int id;
-    while ((id = ::getopt_long(argc, argv, shortOptions.c_str(), longOptions.data(), nullptr)) != -1) {
+    while ((id = ::getopt_long(argc, argv, shortOptions.c_str(), longOptions.data(), nullptr)) !=
+           -1) {
         if (id == '?') {
-            const bool known = ::optopt != 0 && std::any_of(std::begin(kOptions), std::end(kOptions),
-                                                          [](const Option& o) { return o.id == ::optopt; });
-            throw UsageError{known ? std::string("--") + optionWithId(::optopt).name + " takes no value"
+            const bool known =
+                ::optopt != 0 && std::any_of(std::begin(kOptions), std::end(kOptions),
+                                             [](const Option& o) { return o.id == ::optopt; });
+            throw UsageError{known ? std::string("--") + optionWithId(::optopt).name +
+                                         " takes no value"
                                    : "unknown option: " + escapedName(refusedOption(argv))};
         }
-        if (id == ':') throw UsageError{std::string("--") + optionWithId(::optopt).name + " needs a value"};
+        if (id == ':')
+            throw UsageError{std::string("--") + optionWithId(::optopt).name + " needs a value"};
         // A second value would silently replace the first, or add to a filter the operator
         // did not mean; either way it is refused.
         if (optionWithId(id).hasArgument && std::count(seen.begin(), seen.end(), id) > 0)

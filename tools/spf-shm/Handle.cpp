@@ -95,9 +95,9 @@ int open(const Arguments& arguments) {
         // The library's text does not say which sizes disagree; the system does.
         const unsigned long long existing = sizeInSystem(name, arguments.sysv);
         if (existing != 0 && existing < size) {
-            throw Failure{"size mismatch: /" + escapedName(name) + " has " + std::to_string(existing) +
-                          " bytes, " + std::to_string(size) + " were asked for (" +
-                          escapedName(error.what()) + ")"};
+            throw Failure{"size mismatch: /" + escapedName(name) + " has " +
+                          std::to_string(existing) + " bytes, " + std::to_string(size) +
+                          " were asked for (" + escapedName(error.what()) + ")"};
         }
         throw;
     }
@@ -110,7 +110,8 @@ int open(const Arguments& arguments) {
     if (arguments.persistent) segment->makePersistent();
     std::printf("segment: /%s (%s)\nrole: %s\nowner: %s\ntrustee: %s\nsize: %lu\npersistent: %s\n",
                 escapedName(name).c_str(), backEnd, segment->isCreator() ? "creator" : "finder",
-                orNone(segment->getOwner()).c_str(), escapedName(orNone(segment->getTrustee())).c_str(), size,
+                orNone(segment->getOwner()).c_str(),
+                escapedName(orNone(segment->getTrustee())).c_str(), size,
                 arguments.persistent || !segment->isCreator() ? "yes" : "no");
     if (arguments.hold > 0) hold(arguments.hold);
     return 0;
@@ -129,8 +130,8 @@ void logToStderr() {
                      "agent::spf::sharedmemory");
     // The records name segments as they are.
     sink->set_formatter([](const logging::record_view& record, logging::formatting_ostream& out) {
-        out << "spf-shm: log: "
-            << escapedName(record[logging::expressions::smessage] ? record[logging::expressions::smessage].get() : std::string());
+        const auto message = record[logging::expressions::smessage];
+        out << "spf-shm: log: " << escapedName(message ? message.get() : std::string());
     });
     logging::core::get()->add_sink(sink);
 }

@@ -40,8 +40,8 @@ struct Column {
     const char* header;  // the table's heading and the name --output takes
     const char* key;     // the JSON key; the detailed view turns "_" into " "
     Kind kind;
-    int flags;           // libsmartcols' layout in a table
-    bool byDefault;      // in the table when --output does not say
+    int flags;       // libsmartcols' layout in a table
+    bool byDefault;  // in the table when --output does not say
 };
 
 constexpr int kRight = SCOLS_FL_RIGHT, kLong = SCOLS_FL_NOEXTREMES;
@@ -216,7 +216,7 @@ std::string command(const Row& row) {
 std::string userList(const Row& row, Mode mode, int column) {
     std::string out;
     for (const pid_t pid : row.users) {
-        std::string item = column == kUsers ? std::to_string(pid)
+        std::string item = column == kUsers       ? std::to_string(pid)
                            : column == kUsersUser ? processUser(pid)
                                                   : commandOf(pid);
         if (mode == Mode::Json && column != kUsers) item = quotedJson(jsonSafe(item));
@@ -299,18 +299,20 @@ std::vector<int> chosenColumns(const Arguments& arguments) {
     for (std::size_t at = 0; !list.empty() && at <= list.size();) {
         const std::size_t end = std::min(list.find(',', at), list.size());
         const std::string name = list.substr(at, end - at);
-        const auto found = std::find_if(std::begin(kColumns), std::end(kColumns),
-                                        [&](const Column& c) { return !::strcasecmp(c.header, name.c_str()); });
+        const auto found =
+            std::find_if(std::begin(kColumns), std::end(kColumns),
+                         [&](const Column& c) { return !::strcasecmp(c.header, name.c_str()); });
         if (found == std::end(kColumns)) throw UsageError{"unknown column: " + escapedName(name)};
         const int column = static_cast<int>(found - kColumns);
-        if (std::find(chosen.begin(), chosen.end(), column) == chosen.end()) chosen.push_back(column);
+        if (std::find(chosen.begin(), chosen.end(), column) == chosen.end())
+            chosen.push_back(column);
         at = end + 1;
     }
     return chosen;
 }
 
 int jsonType(Kind kind) {
-    return kind == Kind::String ? SCOLS_JSON_STRING
+    return kind == Kind::String    ? SCOLS_JSON_STRING
            : kind == Kind::Boolean ? SCOLS_JSON_BOOLEAN_OPTIONAL
                                    : SCOLS_JSON_NUMBER;  // numbers and arrays go out as written
 }
@@ -354,13 +356,15 @@ std::string humanSize(unsigned long long bytes) {
     if (exponent > 0) {
         // Rounded to one decimal, half up; a rounding to 10 tenths carries into the whole.
         const unsigned long long rest = bytes & ((1ULL << exponent) - 1);
-        const unsigned long long thousandths =
-            rest >= ~0ULL / 1000 ? (rest / 1024 * 1000) >> (exponent - 10) : rest * 1000 >> exponent;
+        const unsigned long long thousandths = rest >= ~0ULL / 1000
+                                                   ? (rest / 1024 * 1000) >> (exponent - 10)
+                                                   : rest * 1000 >> exponent;
         tenths = (thousandths + 50) / 100;
         if (tenths == 10) ++whole, tenths = 0;
     }
     const char unit = "BKMGTPE"[exponent / 10];
-    static const std::string point = *std::localeconv()->decimal_point ? std::localeconv()->decimal_point : ".";
+    static const std::string point =
+        *std::localeconv()->decimal_point ? std::localeconv()->decimal_point : ".";
     char text[40];
     if (tenths > 0)
         std::snprintf(text, sizeof text, "%llu%s%llu%c", whole, point.c_str(), tenths, unit);
@@ -389,7 +393,7 @@ void printTable(const std::vector<Row>& rows, const Arguments& arguments) {
         columns.push_back(kRemoved);
     const Mode mode = arguments.json ? Mode::Json : Mode::Table;
     const std::unique_ptr<libscols_table, void (*)(libscols_table*)> table(scols_new_table(),
-                                                                          scols_unref_table);
+                                                                           scols_unref_table);
     if (!table) throw std::bad_alloc();
     scols_table_enable_json(table.get(), arguments.json);
     scols_table_set_name(table.get(), "segments");
