@@ -34,10 +34,12 @@ key() { "$tool" show --sysv "$1" 2>/dev/null | sed -n 's/^key: //p'; }
 # Strict usage: exit 2 with the usage line; "--" ends the options.
 for args in "" frobnicate "list -x" "list --sysv --posix" "show" "show a b" "create $n 4k" \
     "create a/b 4096" "show --trustee staff x" "show --key 0x123456789 " "prune --older-than 5q" \
-    "name --sysv" "create $n"; do
+    "name --sysv" "create $n" "list --key 1 -k 2" "list -o NAME,NOPE" "list -J -r" "show --name-hex 2"; do
     run 2 $args; has "$err" "^usage: spf-shm COMMAND"
 done
 run 0 --help; has "$out" "^  prune "
+run 2 name ''; has "$err" "an empty segment name"
+run 1 show --key 3010621757; has "$err" "no System V segment with key 0xb372713d"
 run 1 show -- -x; has "$err" "no POSIX object /-x"
 run 0 name seg grp; has "$out" "^a758e1b41c007852$"
 run 0 name --sysv seg grp; has "$out" "^0x[0-9a-f]{8}$"
@@ -46,11 +48,36 @@ run 0 name --sysv seg grp; has "$out" "^0x[0-9a-f]{8}$"
 : > "/dev/shm/$n-empty"; chmod 600 "/dev/shm/$n-empty"
 mkdir "/dev/shm/$n-dir"; ln -s "$n-empty" "/dev/shm/$n-link"
 run 0 show "$n-empty"; has "$out" "^size: 0$"
-run 0 list; has "$out" "^posix +/$n-empty +- +root +root +0600 +0 "; lacks "$out" "$n-(dir|link)"
+run 0 list; has "$out" "^posix +/$n-empty +- +root +root +0600 +0B +0B "; lacks "$out" "$n-(dir|link)"
 setpriv --reuid=65534 --regid=65534 --clear-groups "$tool" show "/$n-empty" >"$out" 2>"$err" || fail "nobody cannot show"
 has "$out" "^owner: root$"
 [ "$(stat -c %s "/dev/shm/$n-empty")" = 0 ] || fail "looking sized the empty object"
 rm -rf "/dev/shm/$n-empty" "/dev/shm/$n-dir" "/dev/shm/$n-link"
+
+# Output: a hostile name comes out escaped everywhere and round-trips through name_hex; columns,
+# sizes as lsipc prints them, strict JSON, the space warning and the monitor's exit status.
+bad=$(printf '%s-\033]0;pwned\007\302\233\377\376\nx' "$n") esc='\\x1b\]0;pwned\\x07\\xc2\\x9b\\xff\\xfe\\x0ax'
+printf x > "/dev/shm/$bad"; truncate -s 10239 "/dev/shm/$n-10k"; truncate -s 1048575 "/dev/shm/$n-1m"
+safe() { ! LC_ALL=C grep -qP '[\x00-\x09\x0b-\x1f\x7f-\xff]' "$1" || fail "raw bytes in $(basename "$1")"; }
+run 0 --json list --posix -o NAME,NAME_HEX,SIZE,alloc
+hex=$(/usr/bin/python3 -c 'import json, sys
+rows = json.loads(open(sys.argv[1], "rb").read().decode())["segments"]
+assert all(sorted(r) == ["allocated", "name", "name_hex", "size"] for r in rows), rows
+bad = [r for r in rows if "pwned" in r["name"]]
+assert len(bad) == 1 and bad[0]["size"] == 1 and bad[0]["allocated"] == 4096, bad
+print(bad[0]["name_hex"])' "$out") || fail "list --json"
+[ "$(printf '%s' "/$bad" | od -An -tx1 | tr -d ' \n')" = "$hex" ] || fail "name_hex is $hex"
+for args in "list" "list -r -o NAME" "show --name-hex $hex"; do
+    run 0 $args; has "$out" "/$n-$esc( |$)"; safe "$out"; safe "$err"
+done
+run 0 list -n -r -o NAME,size,ALLOC --name "$n-1*"; has "$out" "^/$n-10k 10K 0B$"; has "$out" "^/$n-1m 1024K 0B$"
+run 0 list -nrb -o SIZE --name "$n-10k"; has "$out" "^10239$"
+run 0 list -o +CPID,COMMAND; has "$out" " ALLOC +USERS +STATE +AGE +CPID +COMMAND$"
+run 3 orphans --check --posix --name "$n-*"
+run 0 remove --name-hex "$hex"; has "$out" "^removed /$n-$esc \(POSIX\)$"; safe "$out"
+rm "/dev/shm/$n-10k" "/dev/shm/$n-1m"; run 0 orphans --check --posix --name "$n-*"
+unshare --mount sh -c 'mount -t tmpfs -o size=64k tmpfs /dev/shm && truncate -s 1M /dev/shm/x && "$0" list' "$tool" >"$out" 2>"$err"
+has "$out" "^posix +/x .* 1M +0B "; has "$err" "these segments can fault their users"
 
 # Both back ends: a size mismatch names both sizes; the kernel's view of a persistent segment.
 for b in --posix --sysv; do
@@ -62,7 +89,7 @@ for b in --posix --sysv; do
     run 0 show $o "$n-keep"; has "$out" "^mode: 0770$"; has "$out" "^trustee: staff$"; has "$out" "^state: (orphan|unknown)$"
     run 0 list $b --json
     python3 -c 'import json, sys
-rows = json.load(open(sys.argv[1]))
+rows = json.load(open(sys.argv[1]))["segments"]
 keep = [r for r in rows if r["name"] == "/" + sys.argv[2] or r["key"] == sys.argv[3]]
 assert len(keep) == 1 and keep[0]["size"] == 4096 and keep[0]["group"] == "staff", keep
 assert all(sorted(r) == sorted(rows[0]) for r in rows)' "$out" "$n-keep" "$(key "$n-keep")" || fail "list $b --json"
@@ -94,7 +121,7 @@ for b in --posix --sysv; do
     waitfor "$held"; waitfor "$out"
     kill -KILL "$victim"; wait "$victim" 2>/dev/null
     if [ -n "$o" ]; then dead=$(key "$n-dead") live=$(key "$n-held"); else dead=/$n-dead live=/$n-held; fi
-    run 0 orphans $b --bytes; has "$out" "^${b#--} +$dead .* 4096 +0 +orphan "; lacks "$out" "$live"
+    run 0 orphans $b --bytes; has "$out" "^${b#--} +$dead .* 4096 +0 +0 +orphan "; lacks "$out" "$live"
     run 0 list $b; has "$out" "^${b#--} +$live .* in-use "
     run 0 prune $b --name "$n-dead"; has "$out" "$dead"; has "$err" "1 orphan\(s\) would be removed"
     run 0 show $o "$n-dead"

@@ -31,13 +31,17 @@ struct Arguments {
     std::optional<std::int32_t> key;
     std::optional<int> id;
     std::optional<uid_t> owner;
-    std::optional<std::string> name;     // prune --name
+    std::optional<std::string> name;     // the --name filter, a pattern
     std::optional<long long> olderThan;  // seconds
+    std::optional<std::string> output;   // --output: the columns, "+" to add to the usual ones
+    bool outputAll = false, noHeadings = false, raw = false;
     bool bytes = false, json = false, orphans = false, yes = false;
+    bool check = false;    // exit status 3 when the listing holds an orphan
+    bool seesAll = false;  // the operator vouches that every user of /dev/shm is visible here
     bool help = false, version = false;
 };
 
-// Throws UsageError.
+// Options may come before the command, as getopt_long(3) permutes them. Throws UsageError.
 Arguments parseArguments(int argc, char** argv);
 
 // `text` as a segment's object name: a leading "/" dropped. Throws UsageError for an empty name

@@ -17,6 +17,7 @@
 #include <stdexcept>
 
 #include "Commands.hpp"
+#include "Output.hpp"
 #include "System.hpp"
 #include "agent/spf/sharedmemory/SharedMemory.hpp"
 
@@ -94,22 +95,23 @@ int open(const Arguments& arguments) {
         // The library's text does not say which sizes disagree; the system does.
         const unsigned long long existing = sizeInSystem(name, arguments.sysv);
         if (existing != 0 && existing < size) {
-            throw Failure{"size mismatch: /" + name + " has " + std::to_string(existing) +
-                          " bytes, " + std::to_string(size) + " were asked for (" + error.what() +
-                          ")"};
+            throw Failure{"size mismatch: /" + escapedName(name) + " has " +
+                          std::to_string(existing) + " bytes, " + std::to_string(size) +
+                          " were asked for (" + escapedName(error.what()) + ")"};
         }
         throw;
     }
     if (!segment->isAttached()) {
         if (arguments.command == "create")
-            throw Failure{"the segment /" + name + " exists already"};
-        throw Failure{"no segment /" + name +
-                      (trustee.empty() ? "" : " that trusts group " + trustee)};
+            throw Failure{"the segment /" + escapedName(name) + " exists already"};
+        throw Failure{"no segment /" + escapedName(name) +
+                      (trustee.empty() ? "" : " that trusts group " + escapedName(trustee))};
     }
     if (arguments.persistent) segment->makePersistent();
     std::printf("segment: /%s (%s)\nrole: %s\nowner: %s\ntrustee: %s\nsize: %lu\npersistent: %s\n",
-                name.c_str(), backEnd, segment->isCreator() ? "creator" : "finder",
-                orNone(segment->getOwner()).c_str(), orNone(segment->getTrustee()).c_str(), size,
+                escapedName(name).c_str(), backEnd, segment->isCreator() ? "creator" : "finder",
+                orNone(segment->getOwner()).c_str(),
+                escapedName(orNone(segment->getTrustee())).c_str(), size,
                 arguments.persistent || !segment->isCreator() ? "yes" : "no");
     if (arguments.hold > 0) hold(arguments.hold);
     return 0;
@@ -126,8 +128,11 @@ void logToStderr() {
             backend);
     sink->set_filter(logging::expressions::attr<std::string>("Channel") ==
                      "agent::spf::sharedmemory");
-    sink->set_formatter(logging::expressions::stream << "spf-shm: log: "
-                                                     << logging::expressions::smessage);
+    // The records name segments as they are.
+    sink->set_formatter([](const logging::record_view& record, logging::formatting_ostream& out) {
+        const auto message = record[logging::expressions::smessage];
+        out << "spf-shm: log: " << escapedName(message ? message.get() : std::string());
+    });
     logging::core::get()->add_sink(sink);
 }
 

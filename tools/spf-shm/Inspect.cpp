@@ -4,6 +4,8 @@
 #include <fnmatch.h>
 #include <sys/mman.h>
 #include <sys/shm.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -33,7 +35,7 @@ std::vector<Segment> addressed(const Arguments& arguments) {
     if (!arguments.sysv) {
         Segment object;
         const std::string name = segmentName(arguments);
-        if (!posixObject(name, object)) throw Failure{"no POSIX object /" + name};
+        if (!posixObject(name, object)) throw Failure{"no POSIX object /" + escapedName(name)};
         found.push_back(object);
         return found;
     }
@@ -58,12 +60,10 @@ std::vector<Segment> addressed(const Arguments& arguments) {
 }
 
 void print(const std::vector<Row>& rows, const Arguments& arguments) {
-    if (arguments.json)
-        printJson(rows);
-    else if (arguments.command == "show")
+    if (arguments.command == "show" && !arguments.json)
         printDetails(rows);
     else
-        printTable(rows, arguments.bytes);
+        printTable(rows, arguments);
 }
 
 bool removeFromSystem(const Segment& segment, std::string& why) {
@@ -105,18 +105,48 @@ bool matches(const Segment& segment, const Arguments& arguments) {
     return ::fnmatch(objectName(*arguments.name, false).c_str(), segment.name.c_str(), 0) == 0;
 }
 
+// The bytes an object may still claim from /dev/shm before every page it has exists.
+unsigned long long unallocated(const Segment& object) {
+    static const unsigned long long page = static_cast<unsigned long long>(::sysconf(_SC_PAGESIZE));
+    const unsigned long long pages = (object.size + page - 1) / page * page;
+    return pages > object.allocated ? pages - object.allocated : 0;
+}
+
+// A write into a page of an object that tmpfs cannot back raises SIGBUS in the writer, far
+// from the cause; the operator hears of it here first.
+void warnIfUnbacked(unsigned long long unbacked) {
+    struct statvfs space;
+    if (unbacked == 0 || ::statvfs("/dev/shm", &space) != 0) return;
+    const unsigned long long free =
+        static_cast<unsigned long long>(space.f_bavail) * space.f_frsize;
+    if (free >= unbacked) return;
+    std::fflush(stdout);
+    std::fprintf(stderr,
+                 "spf-shm: warning: /dev/shm has %s free, but its objects have %s not yet "
+                 "allocated (see ALLOC); these segments can fault their users\n",
+                 humanSize(free).c_str(), humanSize(unbacked).c_str());
+}
+
 }  // namespace
 
 int list(const Arguments& arguments) {
     const Usage usage = scanProcesses();
     std::vector<Row> rows;
-    std::size_t unknown = 0;
-    for (const Segment& segment : segments(arguments)) {
-        Row row = makeRow(segment, usage);
+    std::size_t unknown = 0, orphans = 0;
+    unsigned long long unbacked = 0;
+    std::vector<Segment> all = segments(arguments);
+    rows.reserve(all.size());
+    for (Segment& segment : all) {
+        if (!segment.sysv) unbacked += unallocated(segment);
+        if (!matches(segment, arguments)) continue;
+        Row row = makeRow(std::move(segment), usage);
         unknown += row.state == "unknown";
+        orphans += row.state == "orphan";
         if (!arguments.orphans || row.state == "orphan") rows.push_back(std::move(row));
     }
+    std::vector<Segment>().swap(all);  // its memory serves the table: fewer pages to fault in
     print(rows, arguments);
+    warnIfUnbacked(unbacked);
     if (arguments.orphans && unknown > 0) {
         std::fflush(stdout);
         std::fprintf(stderr,
@@ -124,7 +154,7 @@ int list(const Arguments& arguments) {
                      "process(es) could not be read\n",
                      unknown, usage.unreadable);
     }
-    return 0;
+    return arguments.check && orphans > 0 ? 3 : 0;
 }
 
 int show(const Arguments& arguments) {
@@ -181,7 +211,7 @@ int prune(const Arguments& arguments) {
                          label(segment).c_str(), segment.sysv ? "System V" : "POSIX");
         }
     }
-    if (arguments.json) printJson(rows);
+    if (arguments.json) printTable(rows, arguments);
     return status;
 }
 

@@ -22,6 +22,7 @@ bool fromStatus(const std::string& name, const struct stat& status, Segment& out
     out.name = name;
     out.mode = status.st_mode & 07777;
     out.size = static_cast<unsigned long long>(status.st_size);
+    out.allocated = static_cast<unsigned long long>(status.st_blocks) * 512;
     out.uid = out.creatorUid = status.st_uid;
     out.gid = out.creatorGid = status.st_gid;
     out.changed = std::max({status.st_atime, status.st_mtime, status.st_ctime});
@@ -71,10 +72,11 @@ std::vector<Segment> sysvSegments() {
         segment.sysv = true;
         unsigned uid, gid, cuid, cgid;
         long long atime, dtime, ctime;
-        if (std::sscanf(line, "%d %d %o %llu %d %d %lu %u %u %u %u %lld %lld %lld", &segment.key,
-                        &segment.id, &segment.mode, &segment.size, &segment.creatorPid,
-                        &segment.lastPid, &segment.attached, &uid, &gid, &cuid, &cgid, &atime,
-                        &dtime, &ctime) != 14) {
+        unsigned long long resident = 0, swapped = 0;  // in bytes, from Linux 4.6 on
+        if (std::sscanf(line, "%d %d %o %llu %d %d %lu %u %u %u %u %lld %lld %lld %llu %llu",
+                        &segment.key, &segment.id, &segment.mode, &segment.size,
+                        &segment.creatorPid, &segment.lastPid, &segment.attached, &uid, &gid, &cuid,
+                        &cgid, &atime, &dtime, &ctime, &resident, &swapped) < 14) {
             continue;
         }
         // The kernel keeps its status bits beside the permissions: removal pending, locked.
@@ -82,6 +84,7 @@ std::vector<Segment> sysvSegments() {
         segment.mode &= 0777;
         segment.uid = uid, segment.gid = gid, segment.creatorUid = cuid, segment.creatorGid = cgid;
         segment.changed = static_cast<std::time_t>(std::max({atime, dtime, ctime}));
+        segment.allocated = resident + swapped;
         segments.push_back(segment);
     }
     std::fclose(table);

@@ -23,6 +23,7 @@ struct Segment {
     int id = -1;
     unsigned mode = 0;  // permission bits only
     unsigned long long size = 0;
+    unsigned long long allocated = 0;  // bytes of memory it holds (System V: resident and swapped)
     uid_t uid = 0, creatorUid = 0;
     gid_t gid = 0, creatorGid = 0;
     pid_t creatorPid = 0, lastPid = 0;  // System V; 0 when not visible from here

@@ -64,13 +64,12 @@ void readMaps(const std::string& maps, pid_t pid, dev_t objects, Usage& usage) {
         unsigned long inode;
         int path = 0;
         if (std::sscanf(line.c_str(), "%*s %*s %*s %x:%x %lu %n", &major, &minor, &inode, &path) <
-                3 ||
-            inode == 0) {
+            3) {
             continue;
         }
-        if (line.compare(path, 5, "/SYSV") == 0) {
+        if (line.compare(path, 5, "/SYSV") == 0) {  // id 0 is a segment too
             add(usage.sysv[static_cast<int>(inode)], pid);  // the kernel shows the id as inode
-        } else if (makedev(major, minor) == objects) {
+        } else if (inode != 0 && makedev(major, minor) == objects) {
             add(usage.posix[inode], pid);
         }
     }
