@@ -1,4 +1,4 @@
-# cmake -P script: builds and runs an outside program against ROOT, the unpacked Debian package,
+# cmake -P script: builds and runs an outside program against the installed Debian packages,
 # once through the CMake package and once through pkg-config.
 function(step)
     execute_process(COMMAND ${ARGN} RESULT_VARIABLE code)
@@ -9,32 +9,31 @@ function(step)
 endfunction()
 
 step(${CMAKE_COMMAND} -S ${CMAKE_CURRENT_LIST_DIR} -B ${WORK_DIR}/cmake-build --log-level=WARNING
-     -DCMAKE_PREFIX_PATH=${ROOT}/usr -DCMAKE_FIND_USE_CMAKE_SYSTEM_PATH=OFF)
+     -DCMAKE_PREFIX_PATH=/usr -DCMAKE_FIND_USE_CMAKE_SYSTEM_PATH=OFF)
 step(${CMAKE_COMMAND} --build ${WORK_DIR}/cmake-build)
 step(${WORK_DIR}/cmake-build/consumer find_package)
 
-# The .pc file names /usr, as it will once installed; the sysroot points it at ROOT.
-file(GLOB_RECURSE pcFile ${ROOT}/*/spf-sharedmemory.pc)
+# The .pc file lies in the multiarch directory, where a cross build's pkg-config looks, and names
+# /usr in plain paths; the header and the library lie where compiler and loader look anyway.
+execute_process(COMMAND pkg-config --path spf-sharedmemory OUTPUT_VARIABLE pcFile
+                OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
 file(READ "${pcFile}" pc)
-if(NOT pc MATCHES "^prefix=/usr\n" OR pc MATCHES "Libs.private|/\\.\\.|//")
-    message(FATAL_ERROR "${pcFile} should name /usr in plain paths and no Libs.private:\n${pc}")
+if(NOT pcFile MATCHES "^/usr/lib/[^/]+-[^/]+/pkgconfig/" OR NOT pc MATCHES "^prefix=/usr\n"
+   OR pc MATCHES "Libs.private|/\\.\\.|//")
+    message(FATAL_ERROR "${pcFile} should lie in /usr/lib/<triplet>/pkgconfig and name /usr in "
+                        "plain paths and no Libs.private:\n${pc}")
 endif()
-get_filename_component(pcDir "${pcFile}" DIRECTORY)
-set(ENV{PKG_CONFIG_LIBDIR} ${pcDir})
-set(ENV{PKG_CONFIG_SYSROOT_DIR} ${ROOT})
 execute_process(COMMAND pkg-config --cflags --libs spf-sharedmemory COMMAND_ERROR_IS_FATAL ANY
                 OUTPUT_VARIABLE flags OUTPUT_STRIP_TRAILING_WHITESPACE)
-string(REPLACE "${ROOT}" "<root>" shown "${flags}")
-if(NOT shown MATCHES "^-I<root>/usr/include -L<root>(/usr/[^ ]+) -lspf_sharedmemory$")
+if(NOT flags STREQUAL "-lspf_sharedmemory")
     message(FATAL_ERROR "pkg-config --cflags --libs spf-sharedmemory printed <${flags}>")
 endif()
-separate_arguments(flags UNIX_COMMAND "${flags}")
 step(c++ -std=c++17 -Wall -Wextra -Wpedantic -Werror ${CMAKE_CURRENT_LIST_DIR}/main.cpp ${flags}
-     -Wl,-rpath,${ROOT}${CMAKE_MATCH_1} -o ${WORK_DIR}/consumer-pkgconfig)
+     -o ${WORK_DIR}/consumer-pkgconfig)
 step(${WORK_DIR}/consumer-pkgconfig pkg-config)
 
 # The packaged tool finds the packaged library on its own.
-execute_process(COMMAND ${ROOT}/usr/bin/spf-shm name seg grp OUTPUT_VARIABLE derived
+execute_process(COMMAND /usr/bin/spf-shm name seg grp OUTPUT_VARIABLE derived
                 RESULT_VARIABLE code OUTPUT_STRIP_TRAILING_WHITESPACE)
 if(NOT code EQUAL 0 OR NOT derived STREQUAL "a758e1b41c007852")
     message(FATAL_ERROR "packaged spf-shm: exit ${code}, output <${derived}>")
