@@ -40,26 +40,38 @@ bool sharedThroughGroup(const SegmentControl& control, const gid_t* requestedGro
     return requestedGroup != nullptr ? *requestedGroup == control.group : isOwnGroup(control.group);
 }
 
+// The name and primary group of `user`, or code -1 and nothing when the database has none.
+LookupResult<std::pair<std::string, gid_t>> account(uid_t user) {
+    return lookupDatabaseEntry<passwd>(_SC_GETPW_R_SIZE_MAX, user, ::getpwuid_r, [](const passwd& entry) {
+        return std::make_pair(std::string(entry.pw_name), entry.pw_gid);
+    });
+}
+
+std::string groupName(gid_t gid) {
+    return lookupDatabaseEntry<group>(_SC_GETGR_R_SIZE_MAX, gid, ::getgrgid_r,
+                                      [](const group& entry) { return std::string(entry.gr_name); })
+        .item;
+}
+
 // Membership as the databases record it: the user's primary group, or a group that lists it. A
 // lookup that fails makes no member.
 bool isMember(uid_t user, gid_t gid) {
-    const auto account = lookupDatabaseEntry<passwd>(_SC_GETPW_R_SIZE_MAX, user, ::getpwuid_r, [](const passwd& entry) {
-        return std::make_pair(std::string(entry.pw_name), entry.pw_gid);
-    });
-    if (account.code != 0) {
+    const auto found = account(user);
+    if (found.code != 0) {
         return false;
     }
-    if (account.item.second == gid) {
+    if (found.item.second == gid) {
         return true;
     }
-    const auto listed = lookupDatabaseEntry<group>(_SC_GETGR_R_SIZE_MAX, gid, ::getgrgid_r, [&](const group& entry) {
+    const auto lists = [&](const group& entry) {
         for (char* const* member = entry.gr_mem; member != nullptr && *member != nullptr; ++member) {
-            if (account.item.first == *member) {
+            if (found.item.first == *member) {
                 return true;
             }
         }
         return false;
-    });
+    };
+    const auto listed = lookupDatabaseEntry<group>(_SC_GETGR_R_SIZE_MAX, gid, ::getgrgid_r, lists);
     return listed.code == 0 && listed.item;
 }
 
@@ -100,22 +112,18 @@ void requireTrust(SharedMemory::Impl& segment, const SegmentControl& control, co
         return;
     }
     const uid_t uid = control.controllers[untrusted];
-    const std::string user = lookupDatabaseEntry<passwd>(_SC_GETPW_R_SIZE_MAX, uid, ::getpwuid_r, [](const passwd& entry) {
-                                 return std::string(entry.pw_name);
-                             }).item;
-    const std::string groupName = lookupDatabaseEntry<group>(_SC_GETGR_R_SIZE_MAX, control.group, ::getgrgid_r,
-                                                             [](const group& entry) { return std::string(entry.gr_name); })
-                                      .item;
+    const std::string user = account(uid).item.first, number = std::to_string(uid);
+    const std::string group = groupName(control.group);
     char mode[24];
     std::snprintf(mode, sizeof mode, "%04o", control.regularFile ? control.mode & 07777u : control.mode);
-    const std::string number = std::to_string(uid);
     // Nothing of the segment is changed: a finder is never marked for deletion while it opens.
-    writeRecord("find(): Refused the segment: <", segment.name, "> controlled by the untrusted user <", user,
-                "> (uid ", number, ") with group <", groupName, "> and mode <", mode, ">. (Error ", EACCES, ")");
+    writeRecord("find(): Refused the segment: <", segment.name, "> controlled by the untrusted user <",
+                user, "> (uid ", number, ") with group <", group, "> and mode <", mode, ">. (Error ",
+                EACCES, ")");
     segment.abandon();
-    throw std::runtime_error("SystemError:SharedMemory:find:trust: name=<" + segment.name + ">, untrusted user=<" +
-                             user + ">, uid=<" + number + ">, group=<" + groupName + ">, mode=<" + mode +
-                             ">, error=" + errorNumber(EACCES));
+    throw std::runtime_error("SystemError:SharedMemory:find:trust: name=<" + segment.name +
+                             ">, untrusted user=<" + user + ">, uid=<" + number + ">, group=<" + group +
+                             ">, mode=<" + mode + ">, error=" + errorNumber(EACCES));
 }
 
 }  // namespace agent::spf::sharedmemory

@@ -102,12 +102,19 @@ void SharedMemory::PosixImpl::sizeEmptyObject() {
 bool SharedMemory::PosixImpl::lockForSizing() const {
     // Sizing takes microseconds, so a holder that keeps the lock for long is stuck or hostile,
     // and must not stall this process beyond about a second. The lock is polled rather than
-    // waited for with a timer: no signal or thread of the library's may disturb the caller.
+    // waited for with a timer: no signal or thread of the library's may disturb the caller. The
+    // clock is read only once the lock is found taken.
+    using Clock = std::chrono::steady_clock;
     constexpr auto kPatience = std::chrono::seconds(1);
     constexpr timespec kPause = {0, 2'000'000};
-    const auto deadline = std::chrono::steady_clock::now() + kPatience;
-    while (::flock(handle, LOCK_EX | LOCK_NB) != 0) {
-        if ((errno != EWOULDBLOCK && errno != EINTR) || std::chrono::steady_clock::now() >= deadline) {
+    for (Clock::time_point deadline = Clock::time_point::max(); ::flock(handle, LOCK_EX | LOCK_NB) != 0;) {
+        if (errno != EWOULDBLOCK && errno != EINTR) {
+            return false;
+        }
+        const Clock::time_point now = Clock::now();
+        if (deadline == Clock::time_point::max()) {
+            deadline = now + kPatience;
+        } else if (now >= deadline) {
             return false;
         }
         ::nanosleep(&kPause, nullptr);
