@@ -7,6 +7,7 @@
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/shm.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -23,10 +24,12 @@ namespace {
 
 constexpr unsigned long kSize = 4096;
 
-// An outsider with a group of its own and a member of staff, removed however the test ends.
+// An outsider with a group of its own, also in users, and a member of staff (primary group users); removed
+// however the test ends.
 struct ScratchUsers {
     const std::string outsider = "spftrust" + std::to_string(::getpid()) + "o", member = outsider + "m";
-    const bool made = std::system(("useradd -M -U " + outsider + " && useradd -M -N -G staff " + member).c_str()) == 0;
+    const std::string add = "useradd -M -U -G users " + outsider + " && useradd -M -N -G staff " + member;
+    const bool made = std::system(add.c_str()) == 0;
     ~ScratchUsers() { (void)!std::system(("userdel " + outsider + "; userdel " + member + " 2>/dev/null").c_str()); }
 };
 uid_t uidOf(const std::string& user) { return ::getpwnam(user.c_str())->pw_uid; }
@@ -50,15 +53,17 @@ void remove(const std::string& name, Spec spec) {
               : (void)::shmctl(::shmget(sm::deriveSystemVKey(name), 0, 0), IPC_RMID, nullptr);
 }
 
-// How an outsider squats a name: the mode, and whether it stamps the member as owner and staff as group.
-struct Squat { Spec spec; unsigned mode; bool forged = false; };
-const Squat kSquats[] = {{P, 0666}, {P, 0777}, {P, 0000}, {P, 0770}, {V, 0777}, {V, 0770, true}, {V, 0770}};
+// How an outsider squats a name: the mode, and whether it stamps the member as owner and staff as group
+// (`forged`), or gives it the group users it shares with the member (but opens it to others too).
+struct Squat { Spec spec; unsigned mode; bool forged = false, users = false; };
+const Squat kSquats[] = {{P, 0666}, {P, 0777}, {P, 0000}, {P, 0770}, {P, 0777, false, true},
+                         {V, 0777}, {V, 0770, true}, {V, 0770}};
 
 int squat(const Squat& how, const std::string& name, uid_t member) {
     shmid_ds status;
     const int id = how.spec == P ? ::shm_open(("/" + name).c_str(), O_RDWR | O_CREAT | O_EXCL, 0)
                                  : ::shmget(sm::deriveSystemVKey(name), kSize, IPC_CREAT | IPC_EXCL | 0600);
-    if (how.spec == P) return id == -1 || ::fchmod(id, how.mode) != 0;
+    if (how.spec == P) return id == -1 || ::fchown(id, -1, how.users ? groupId("users") : -1) || ::fchmod(id, how.mode);
     if (id == -1 || ::shmctl(id, IPC_STAT, &status) != 0) return 1;
     status.shm_perm.mode = how.mode;
     if (how.forged) status.shm_perm.uid = member, status.shm_perm.gid = groupId("staff");
@@ -87,7 +92,8 @@ TEST(Trust, FindersRefuseEverySquatAndStillAttachToWhatTrustedUsersMake) {
             };
             EXPECT_EQ(finder == 0 ? runInChild(find) : runAs(users.member, find), 0) << "a descriptor stays open";
             const std::string text = heard.receive(), who = how.forged && finder == 0 ? users.member : users.outsider;
-            const std::string uid = std::to_string(uidOf(who)), group = how.forged ? "staff" : users.outsider;
+            const std::string uid = std::to_string(uidOf(who));
+            const std::string group = how.forged ? "staff" : how.users ? "users" : users.outsider;
             char mode[8];
             std::snprintf(mode, sizeof mode, "%04o", how.mode);
             // The kernel itself shuts the member out when neither others nor its groups have access.
@@ -107,11 +113,13 @@ TEST(Trust, FindersRefuseEverySquatAndStillAttachToWhatTrustedUsersMake) {
         }
     }
     // What the library's own users make: a member's staff segment for members of another user (the trustee
-    // named or adopted) and for root naming staff, and a member's own segment for itself.
+    // named or adopted) and for root naming staff, a member's own segment for itself, and one of its primary
+    // group.
     for (const Spec spec : kBackEnds) {
         using Case = std::tuple<const char*, const char*, uid_t>;
         for (const auto& [made, found, finder] :
-             {Case{"staff", "staff", 0}, {"staff", "staff", kNobody}, {"staff", "", kNobody}, {"", "", member}}) {
+             {Case{"staff", "staff", 0}, {"staff", "staff", kNobody}, {"staff", "", kNobody}, {"", "", member},
+              {"users", "users", 0}}) {
             const std::string base = uniqueName("ok"), name = derivedAs(member, base, made);
             const auto make = [&] { return SharedMemory::create(base, kSize, made, spec).makePersistent(), 0; };
             ASSERT_EQ(runAs(users.member, make), 0);
@@ -151,6 +159,10 @@ TEST(Trust, ALockHolderDelaysAFinderByAboutASecondAndAFailureDescribesNoLinkTarg
     const std::string described = thrown([&] { SharedMemory(link, kSize, false); });
     EXPECT_NE(described.find("owning group=<>, owning user=<>"), std::string::npos) << described;
     ::unlink(("/dev/shm/" + link).c_str()), ::unlink(target.c_str());
+    // Nor is anything but a regular file a segment, whoever made it.
+    ASSERT_EQ(::mkfifo(("/dev/shm/" + link).c_str(), 0600), 0);
+    EXPECT_NE(thrown([&] { SharedMemory(link, kSize, false); }).find("find:trust: name=</" + link), std::string::npos);
+    ::unlink(("/dev/shm/" + link).c_str());
 }
 
 }  // namespace
