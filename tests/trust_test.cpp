@@ -138,6 +138,12 @@ TEST(Trust, FindersRefuseEverySquatAndStillAttachToWhatTrustedUsersMake) {
 
 TEST(Trust, ALockHolderDelaysAFinderByAboutASecondAndAFailureDescribesNoLinkTarget) {
     const std::string name = uniqueName("lock"), link = uniqueName("link"), target = "/dev/shm/" + uniqueName("target");
+    {  // Sizing lets the lock go again, so that no later finder of an empty object waits for this one.
+        SharedMemory creator(name, kSize, true);
+        const int other = ::shm_open(("/" + name).c_str(), O_RDWR, 0);
+        EXPECT_EQ(::flock(other, LOCK_EX | LOCK_NB), 0);
+        ::close(other);
+    }
     const int fd = ::shm_open(("/" + name).c_str(), O_RDWR | O_CREAT | O_EXCL, 0700);
     Pipe locked;
     Child holder([&] {
