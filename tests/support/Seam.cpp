@@ -1,6 +1,7 @@
 #include <dlfcn.h>
 #include <grp.h>
 #include <pwd.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
@@ -102,6 +103,7 @@ SPF_SEAM(int, shmget, -1, __THROW, -1, (key_t k, size_t n, int f), k, n, f)
 SPF_SEAM(void*, shmat, reinterpret_cast<void*>(-1), __THROW, -1, (int id, const void* a, int f), id, a, f)
 SPF_SEAM(int, shmdt, -1, __THROW, -1, (const void* a), a)
 SPF_SEAM(int, shmctl, -1, __THROW, c, (int id, int c, struct shmid_ds* s), id, c, s)
+SPF_SEAM(int, flock, -1, __THROW, -1, (int fd, int o), fd, o)
 SPF_LOOKUP(getgrgid_r, group, gid_t)
 SPF_LOOKUP(getgrnam_r, group, const char*)
 SPF_LOOKUP(getpwuid_r, passwd, uid_t)
