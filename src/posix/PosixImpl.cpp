@@ -7,6 +7,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
@@ -103,10 +104,12 @@ bool SharedMemory::PosixImpl::lockForSizing() const {
     // Sizing takes microseconds, so a holder that keeps the lock for long is stuck or hostile,
     // and must not stall this process beyond about a second. The lock is polled rather than
     // waited for with a timer: no signal or thread of the library's may disturb the caller. The
+    // pauses start short, for the usual holder that is about to let go, and grow to 10 ms. The
     // clock is read only once the lock is found taken.
     using Clock = std::chrono::steady_clock;
     constexpr auto kPatience = std::chrono::seconds(1);
-    constexpr timespec kPause = {0, 2'000'000};
+    constexpr long kLongestPause = 10'000'000;
+    timespec pause = {0, 100'000};
     for (Clock::time_point deadline = Clock::time_point::max(); ::flock(handle, LOCK_EX | LOCK_NB) != 0;) {
         if (errno != EWOULDBLOCK && errno != EINTR) {
             return false;
@@ -117,7 +120,8 @@ bool SharedMemory::PosixImpl::lockForSizing() const {
         } else if (now >= deadline) {
             return false;
         }
-        ::nanosleep(&kPause, nullptr);
+        ::nanosleep(&pause, nullptr);
+        pause.tv_nsec = std::min(pause.tv_nsec * 2, kLongestPause);
     }
     return true;
 }
