@@ -1,5 +1,4 @@
-// Reentrant user and group lookups with a buffer that grows until the entry fits. They report
-// through a code instead of throwing, so that each caller words its own failure.
+// The POSIX back end's user and group lookups (see core/DatabaseEntry.hpp).
 #ifndef SPF_SHAREDMEMORY_POSIX_DATABASELOOKUP_HPP
 #define SPF_SHAREDMEMORY_POSIX_DATABASELOOKUP_HPP
 
@@ -7,15 +6,9 @@
 
 #include <string>
 
-namespace agent::spf::sharedmemory {
+#include "core/DatabaseEntry.hpp"
 
-// code: 0 found; -1 no such entry; -2 the buffer could not grow further; otherwise the error
-// number the reentrant call returned.
-template <typename Item>
-struct LookupResult {
-    Item item{};
-    int code = 0;
-};
+namespace agent::spf::sharedmemory {
 
 LookupResult<std::string> lookupUserName(uid_t uid);
 LookupResult<std::string> lookupGroupName(gid_t gid);

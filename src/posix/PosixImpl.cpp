@@ -4,9 +4,12 @@
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <stdexcept>
 
@@ -82,9 +85,7 @@ void SharedMemory::PosixImpl::sizeEmptyObject() {
     // The lock belongs to this open file description, so closing the descriptor on a failure
     // path releases it. If it cannot be taken, sizing goes on unserialised as it would without.
     const int savedErrno = errno;
-    bool locked;
-    while (!(locked = ::flock(handle, LOCK_EX) == 0) && errno == EINTR) {
-    }
+    const bool locked = lockForSizing();
     errno = savedErrno;
 
     if (isTruncated() || (::ftruncate(handle, static_cast<off_t>(size)) == 0 && isTruncated())) {
@@ -97,6 +98,32 @@ void SharedMemory::PosixImpl::sizeEmptyObject() {
     report<std::runtime_error>(
         [&] { return "SystemError:SharedMemory:attach:ftruncate" + name + ":error=" + errorNumber(errno); },
         "attach(): Failed to truncate the segment: <", name, ">. (Error ", errno, ")");
+}
+
+bool SharedMemory::PosixImpl::lockForSizing() const {
+    // Sizing takes microseconds, so a holder that keeps the lock for long is stuck or hostile,
+    // and must not stall this process beyond about a second. The lock is polled rather than
+    // waited for with a timer: no signal or thread of the library's may disturb the caller. The
+    // pauses start short, for the usual holder that is about to let go, and grow to 10 ms. The
+    // clock is read only once the lock is found taken.
+    using Clock = std::chrono::steady_clock;
+    constexpr auto kPatience = std::chrono::seconds(1);
+    constexpr long kLongestPause = 10'000'000;
+    timespec pause = {0, 100'000};
+    for (Clock::time_point deadline = Clock::time_point::max(); ::flock(handle, LOCK_EX | LOCK_NB) != 0;) {
+        if (errno != EWOULDBLOCK && errno != EINTR) {
+            return false;
+        }
+        const Clock::time_point now = Clock::now();
+        if (deadline == Clock::time_point::max()) {
+            deadline = now + kPatience;
+        } else if (now >= deadline) {
+            return false;
+        }
+        ::nanosleep(&pause, nullptr);
+        pause.tv_nsec = std::min(pause.tv_nsec * 2, kLongestPause);
+    }
+    return true;
 }
 
 bool SharedMemory::PosixImpl::isTruncated() {

@@ -3,6 +3,8 @@
 #ifndef SPF_SHAREDMEMORY_POSIX_POSIXIMPL_HPP
 #define SPF_SHAREDMEMORY_POSIX_POSIXIMPL_HPP
 
+#include <sys/stat.h>
+
 #include <string>
 
 #include "core/Impl.hpp"
@@ -34,7 +36,14 @@ public:
 
 private:
     void sizeEmptyObject();
+    // Takes the sizing lock, waiting at most about a second; false when it was not taken.
+    bool lockForSizing() const;
     std::string describeOpenFailure(int error) const;
+    // getTrustee() in two steps, so that a finder checks the status it read before it adopts
+    // the segment's trustee.
+    struct stat trusteeStatus() const;
+    std::string trusteeOf(const struct stat& status) const;
+    std::string acceptFound(const std::string& requested, const gid_t* requestedGroup);
 };
 
 }  // namespace agent::spf::sharedmemory

@@ -47,6 +47,10 @@ std::string SharedMemory::PosixImpl::getOwner() const {
 }
 
 std::string SharedMemory::PosixImpl::getTrustee() const {
+    return trusteeOf(trusteeStatus());
+}
+
+struct stat SharedMemory::PosixImpl::trusteeStatus() const {
     struct stat status;
     if (::fstat(handle, &status) == -1) {
         report<std::runtime_error>(
@@ -57,6 +61,10 @@ std::string SharedMemory::PosixImpl::getTrustee() const {
             "getTrustee(): Failed to stat the segment: <", name, "> for trustee: <", trustee,
             ">. (Error ", errno, ")");
     }
+    return status;
+}
+
+std::string SharedMemory::PosixImpl::trusteeOf(const struct stat& status) const {
     if (!groupClassComplete(status.st_mode)) {
         return std::string();
     }
@@ -72,12 +80,13 @@ std::string SharedMemory::PosixImpl::getTrustee() const {
 std::string SharedMemory::PosixImpl::describeOpenFailure(int error) const {
     // Nothing is open to ask, so the owner and group come from the object's entry in the
     // directory, which can be read without access to the object; a piece that cannot be
-    // learned stays empty rather than replacing this failure with another.
+    // learned stays empty rather than replacing this failure with another. Only a regular file
+    // is described: a link planted at the name would otherwise describe whatever it points to.
     std::string owner;
     std::string group;
     struct stat status;
     const std::string path = objectPath(name);
-    if (!path.empty() && ::stat(path.c_str(), &status) == 0) {
+    if (!path.empty() && ::lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode)) {
         if (ownerClassComplete(status.st_mode)) {
             owner = lookupUserName(status.st_uid).item;
         }

@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "core/Report.hpp"
+#include "core/Trust.hpp"
 #include "posix/DatabaseLookup.hpp"
 #include "posix/PosixImpl.hpp"
 
@@ -15,7 +16,7 @@ std::string SharedMemory::PosixImpl::setTrustee(const std::string& requested) {
         return std::string();
     }
     if (requested.empty()) {
-        return creator ? std::string() : getTrustee();
+        return creator ? std::string() : acceptFound(requested, nullptr);
     }
     // Finders look the group up too: a name that is no group is a caller's error either way.
     // Each failure below writes its record, gives the object up, and only then builds its
@@ -29,11 +30,7 @@ std::string SharedMemory::PosixImpl::setTrustee(const std::string& requested) {
                                     ":error= " + errorNumber(group.code));
     }
     if (!creator) {
-        if (getTrustee() == requested) {
-            return requested;
-        }
-        abandon();
-        return std::string();
+        return acceptFound(requested, &group.item);
     }
     // The group changes before the group class gains any permission, so at no moment does the
     // old group have access.
@@ -59,6 +56,20 @@ std::string SharedMemory::PosixImpl::setTrustee(const std::string& requested) {
                                  ":error=" + errorNumber(errno));
     }
     return requested;
+}
+
+// A finder quietly gives up a segment that trusts another group than the one it asked for, and
+// refuses one whose controllers it may not trust, before anything sizes or maps it; the one
+// status read serves the trustee query and the trust check.
+std::string SharedMemory::PosixImpl::acceptFound(const std::string& requested, const gid_t* requestedGroup) {
+    const struct stat status = trusteeStatus();
+    if (requestedGroup != nullptr && trusteeOf(status) != requested) {
+        abandon();
+        return std::string();
+    }
+    requireTrust(*this, {{status.st_uid}, 1, status.st_gid, status.st_mode, S_ISREG(status.st_mode)},
+                 requestedGroup);
+    return requestedGroup != nullptr ? requested : trusteeOf(status);
 }
 
 }  // namespace agent::spf::sharedmemory

@@ -2,6 +2,7 @@
 #ifndef SPF_SHAREDMEMORY_SYSV_SYSVIMPL_HPP
 #define SPF_SHAREDMEMORY_SYSV_SYSVIMPL_HPP
 
+#include <sys/shm.h>
 #include <sys/types.h>
 
 #include <string>
@@ -28,6 +29,11 @@ public:
 
 private:
     std::string describeOpenFailure(int error) const;
+    // getTrustee() in two steps, so that a finder checks the status it read before it adopts
+    // the segment's trustee.
+    shmid_ds trusteeStatus() const;
+    std::string trusteeOf(const shmid_ds& status) const;
+    std::string acceptFound(const std::string& requested, const gid_t* requestedGroup);
 };
 
 // The System V key of a segment name (the whole name, its leading "/" included).

@@ -82,12 +82,20 @@ std::string SharedMemory::SysVImpl::getOwner() const {
 }
 
 std::string SharedMemory::SysVImpl::getTrustee() const {
+    return trusteeOf(trusteeStatus());
+}
+
+shmid_ds SharedMemory::SysVImpl::trusteeStatus() const {
     shmid_ds status;
     if (::shmctl(handle, IPC_STAT, &status) == -1) {
         report<std::runtime_error>(
             [&] { return "SystemError:SharedMemory:getTrustee:shmctl" + name + ":error=" + errorNumber(errno); },
             "getTrustee(): Failed to stat the segment: <", name, ">. (Error ", errno, ")");
     }
+    return status;
+}
+
+std::string SharedMemory::SysVImpl::trusteeOf(const shmid_ds& status) const {
     if (!groupClassComplete(status.shm_perm.mode)) {
         return std::string();
     }

@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "core/Report.hpp"
+#include "core/Trust.hpp"
 #include "sysv/SysVImpl.hpp"
 
 namespace agent::spf::sharedmemory {
@@ -16,7 +17,7 @@ std::string SharedMemory::SysVImpl::setTrustee(const std::string& requested) {
         return std::string();
     }
     if (requested.empty()) {
-        return creator ? std::string() : getTrustee();
+        return creator ? std::string() : acceptFound(requested, nullptr);
     }
     // Each failure below writes its record, gives the segment up, and only then builds its
     // text, whose number is read after the clean-up.
@@ -31,11 +32,7 @@ std::string SharedMemory::SysVImpl::setTrustee(const std::string& requested) {
     }
     const gid_t gid = entry->gr_gid;
     if (!creator) {
-        if (getTrustee() == requested) {
-            return requested;
-        }
-        removeAndClose();
-        return std::string();
+        return acceptFound(requested, &gid);
     }
     shmid_ds status;
     if (::shmctl(handle, IPC_STAT, &status) == -1) {
@@ -54,6 +51,22 @@ std::string SharedMemory::SysVImpl::setTrustee(const std::string& requested) {
                                  ":error=" + errorNumber(errno));
     }
     return requested;
+}
+
+// A finder quietly gives up a segment that trusts another group than the one it asked for, and
+// refuses one whose controllers it may not trust, before it attaches; the one status read
+// serves the trustee query and the trust check. The creator's uid counts as a controller
+// because IPC_SET lets it stamp any owner and group on the segment.
+std::string SharedMemory::SysVImpl::acceptFound(const std::string& requested, const gid_t* requestedGroup) {
+    const shmid_ds status = trusteeStatus();
+    if (requestedGroup != nullptr && trusteeOf(status) != requested) {
+        removeAndClose();
+        return std::string();
+    }
+    requireTrust(*this, {{status.shm_perm.uid, status.shm_perm.cuid}, 2, status.shm_perm.gid,
+                         status.shm_perm.mode & 0777u, true},
+                 requestedGroup);
+    return requestedGroup != nullptr ? requested : trusteeOf(status);
 }
 
 }  // namespace agent::spf::sharedmemory

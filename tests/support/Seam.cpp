@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <pwd.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
@@ -103,6 +104,7 @@ SPF_SEAM(int, shmget, -1, __THROW, -1, (key_t k, size_t n, int f), k, n, f)
 SPF_SEAM(void*, shmat, reinterpret_cast<void*>(-1), __THROW, -1, (int id, const void* a, int f), id, a, f)
 SPF_SEAM(int, shmdt, -1, __THROW, -1, (const void* a), a)
 SPF_SEAM(int, shmctl, -1, __THROW, c, (int id, int c, struct shmid_ds* s), id, c, s)
+SPF_SEAM(int, flock, -1, __THROW, -1, (int fd, int o), fd, o)
 SPF_SEAM(int, madvise, -1, __THROW, -1, (void* a, size_t n, int advice), a, n, advice)
 int posix_fallocate(int fd, off_t offset, off_t length) {  // answers with the error number, not errno
     static const auto real = reinterpret_cast<decltype(&::posix_fallocate)>(::dlsym(RTLD_NEXT, "posix_fallocate"));

@@ -87,7 +87,8 @@ struct LogCapture {
 // The test binaries define the system calls the library makes and forward them to the real ones
 // unless a fault is armed: this reaches failures the kernel will not produce on demand.
 enum class Call { shm_open, shm_unlink, fstat, ftruncate, mmap, munmap, close, fchown, fchmod,
-                  shmget, shmat, shmdt, shmctl, getgrgid_r, getgrnam_r, getpwuid_r, posix_fallocate, madvise, kCount };
+                  shmget, shmat, shmdt, shmctl, getgrgid_r, getgrnam_r, getpwuid_r, flock,
+                  posix_fallocate, madvise, kCount };
 struct Fault {
     Call call;
     int error;                  // errno the failing call leaves

@@ -10,6 +10,18 @@
 // (severity 512) and then thrown: std::runtime_error for a failed system call or database
 // lookup, std::invalid_argument for a trustee that names no group.
 //
+// A finder trusts only the segments it may: before it sizes, locks or maps a segment it did not
+// create, it checks the segment's controllers (the owner; for System V also the creator). Each
+// must be the effective user, root, or a member of the segment's group while that group has rwx,
+// others have no access, and it is the requested trustee (with none requested: one of this
+// process's groups); a POSIX object must be a regular file. Otherwise the finder records
+//   find(): Refused the segment: </NAME> controlled by the untrusted user <USER> (uid UID) with
+//   group <GROUP> and mode <MODE>. (Error 13)
+// (one line), leaves the segment unchanged and throws std::runtime_error
+//   SystemError:SharedMemory:find:trust: name=</NAME>, untrusted user=<USER>, uid=<UID>,
+//   group=<GROUP>, mode=<MODE>, error=13
+// (one line; MODE in octal, e.g. 0666).
+//
 // This header is C++17.
 #ifndef AGENT_SPF_SHAREDMEMORY_SHAREDMEMORY_HPP
 #define AGENT_SPF_SHAREDMEMORY_SHAREDMEMORY_HPP
@@ -67,8 +79,9 @@ public:
     // not exist, grants `trustee` (a group name; empty for none) access when this process
     // created it, and maps it. A finder whose `trustee` is not empty stays unattached unless the
     // segment already trusts exactly that group.
-    // Throws std::runtime_error on a failed system call or an inconsistent size, and
-    // std::invalid_argument when `trustee` names no group; then nothing is left behind.
+    // Throws std::runtime_error on a failed system call, an inconsistent size or a found segment
+    // this process may not trust (see above; no new attempt follows), and std::invalid_argument
+    // when `trustee` names no group; then nothing is left behind.
     SharedMemory(const std::string& name, unsigned long size, const std::string& trustee = "",
                  ImplementationSpecifications spec = Posix);
 
