@@ -94,12 +94,12 @@ for b in --posix --sysv; do
     waitfor "$held"; waitfor "$out"
     kill -KILL "$victim"; wait "$victim" 2>/dev/null
     if [ -n "$o" ]; then dead=$(key "$n-dead") live=$(key "$n-held"); else dead=/$n-dead live=/$n-held; fi
-    run 0 orphans $b --bytes; has "$out" "^${b#--} +$dead .* 4096 +0 +orphan "; lacks "$out" "$live"
+    run 0 orphans $b --bytes --sees-all; has "$out" "^${b#--} +$dead .* 4096 +0 +orphan "; lacks "$out" "$live"
     run 0 list $b; has "$out" "^${b#--} +$live .* in-use "
-    run 0 prune $b --name "$n-dead"; has "$out" "$dead"; has "$err" "1 orphan\(s\) would be removed"
+    run 0 prune $b --name "$n-dead" --sees-all; has "$out" "$dead"; has "$err" "1 orphan\(s\) would be removed"
     run 0 show $o "$n-dead"
     run 0 prune $b --yes --name "$n-held"; lacks "$out" "removed"
-    run 0 prune $b --yes --name "$n-dead"; has "$out" "^removed $dead"
+    run 0 prune $b --yes --name "$n-dead" --sees-all; has "$out" "^removed $dead"
     run 1 show $o "$n-dead"
     run 0 create-or-find $o "$n-dead" 4096; has "$out" "^role: creator$"
     # An interrupted creator still cleans up.

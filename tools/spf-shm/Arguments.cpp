@@ -36,6 +36,8 @@ const char kHelp[] =
     "  prune [--sysv|--posix] [--owner USER] [--name NAME] [--key KEY]\n"
     "        [--older-than DURATION] [--yes] [--bytes] [--json]\n"
     "      list the matching orphans; with --yes, remove them\n"
+    "  --sees-all (list, orphans, show, prune): this PID namespace sees every process\n"
+    "      that uses /dev/shm, so a POSIX object no process here uses is an orphan\n"
     "\n"
     "NAME: a POSIX object name (a leading \"/\" optional) or, with --sysv, the name given\n"
     "to the library. KEY: 0x and up to 8 hex digits, or decimal. DURATION: e.g. 90s, 1h30m, 7d.\n"
@@ -71,6 +73,7 @@ const Option kOptions[] = {
     {"yes", false, kPrune},
     {"bytes", false, kList | kPrune},
     {"json", false, kShow | kList | kPrune},
+    {"sees-all", false, kShow | kList | kPrune},
     {"help", false, kAll},
     {"version", false, kAll},
 };
@@ -155,6 +158,7 @@ void setOption(Arguments& arguments, const std::string& name, const std::string&
     else if (name == "yes") arguments.yes = true;
     else if (name == "bytes") arguments.bytes = true;
     else if (name == "json") arguments.json = true;
+    else if (name == "sees-all") arguments.seesAll = true;
     else if (name == "help") arguments.help = true;
     else if (name == "version") arguments.version = true;
 }

@@ -35,6 +35,7 @@ struct Arguments {
     std::optional<long long> olderThan;  // seconds
     bool bytes = false, json = false, orphans = false, yes = false;
     bool help = false, version = false;
+    bool seesAll = false;  // this PID namespace sees every process that uses /dev/shm
 };
 
 // Throws UsageError.

@@ -44,6 +44,12 @@ std::string printableName(const std::string& name) {
     return text;
 }
 
+}  // namespace
+
+std::string escapedName(const std::string& name) { return printableName(name).substr(1); }
+
+namespace {
+
 template <typename Entry, typename Id, typename Lookup>
 std::string databaseName(Id id, Lookup lookup, char* Entry::*field) {
     static std::map<Id, std::string> known;

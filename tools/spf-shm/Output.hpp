@@ -24,6 +24,9 @@ void printTable(const std::vector<Row>& rows, bool exactSizes);
 void printDetails(const std::vector<Row>& rows);
 void printJson(const std::vector<Row>& rows);
 
+// `name` (an object name, no "/" added) made safe for a terminal.
+std::string escapedName(const std::string& name);
+
 // "/name" for a POSIX object, "0x0000abcd (id 32768)" for a System V segment.
 std::string label(const Segment& segment);
 
