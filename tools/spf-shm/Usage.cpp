@@ -160,13 +160,14 @@ bool lookAtProc(bool seesAll, Usage& usage) {
         usage.everyProcessSeen = false;
         return true;
     }
-    // Containers that share /dev/shm need not see each other's processes; an operator who
-    // knows that this namespace holds every user may say so.
-    if (seesAll) return true;
+    // A /proc of another PID namespace does not show this process. Containers that share
+    // /dev/shm need not see each other's processes; an operator who knows that this namespace
+    // holds every user may say so.
     struct stat pidNamespace;
-    if (::stat("/proc/self/ns/pid", &pidNamespace) != 0)
+    if (::stat("/proc/self/ns/pid", &pidNamespace) != 0) {
         usage.blind = std::string("cannot tell the PID namespace: ") + std::strerror(errno);
-    else if (pidNamespace.st_ino != kInitialPidNamespace)
+        usage.everyProcessSeen = false;  // its pids need not be this namespace's
+    } else if (pidNamespace.st_ino != kInitialPidNamespace && !seesAll)
         usage.blind = "not in the initial PID namespace";
     return true;
 }
