@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 
@@ -77,18 +78,19 @@ bool removeFromSystem(const Segment& segment, std::string& why) {
 
 enum class Recheck { kOrphan, kKept, kFailed };
 
-// Just before a removal: the orphan must still be the object or segment that was judged, and a
-// fresh look must find no user. The users are looked for first, so that an object replaced
-// while they are read fails the comparison of inodes.
-Recheck recheck(const Segment& segment, bool seesAll, std::string& why) {
+constexpr std::chrono::milliseconds kFreshFor{10};
+
+// Just before a removal: the orphan must still be the object or segment that was judged, and
+// `fresh`, a look at the processes taken after it was judged, must find no user. That look is
+// taken before the comparison of inodes, so that an object replaced since fails it.
+Recheck recheck(const Segment& segment, const Usage& fresh, std::string& why) {
     if (!segment.sysv) {
-        const Usage usage = scanProcesses(seesAll);
         Segment now;
         if (!posixObject(segment.name, now) || now.inode != segment.inode) {
             why = "it changed since it was looked at";
             return Recheck::kKept;
         }
-        const std::string judged = state(segment, usage);
+        const std::string judged = state(segment, fresh);
         if (judged == "orphan") return Recheck::kOrphan;
         why = judged == "in-use" ? "it is in use now" : "its users cannot be seen now";
         return Recheck::kKept;
@@ -215,11 +217,19 @@ int prune(const Arguments& arguments) {
         return 0;
     }
     int status = 0;
+    // A look at every process lasts longer than dozens of removals, and one per orphan would
+    // take minutes for thousands: the users are looked at again once the last look is 10 ms old.
+    Usage fresh;
+    std::chrono::steady_clock::time_point looked{};
     for (Row& row : rows) {
         std::string why;
         const Segment& segment = row.segment;
+        if (!segment.sysv && std::chrono::steady_clock::now() - looked > kFreshFor) {
+            fresh = scanProcesses(arguments.seesAll);
+            looked = std::chrono::steady_clock::now();
+        }
         // One taken into use meanwhile is kept, which is no failure; a refused removal is.
-        const Recheck check = recheck(segment, arguments.seesAll, why);
+        const Recheck check = recheck(segment, fresh, why);
         row.removed = check == Recheck::kOrphan && removeFromSystem(segment, why);
         if (!*row.removed) {
             std::fprintf(stderr, "spf-shm: kept %s: %s\n", label(segment).c_str(), why.c_str());
