@@ -167,8 +167,9 @@ bool lookAtProc(bool seesAll, Usage& usage) {
     if (::stat("/proc/self/ns/pid", &pidNamespace) != 0) {
         usage.blind = std::string("cannot tell the PID namespace: ") + std::strerror(errno);
         usage.everyProcessSeen = false;  // its pids need not be this namespace's
-    } else if (pidNamespace.st_ino != kInitialPidNamespace && !seesAll)
+    } else if (pidNamespace.st_ino != kInitialPidNamespace && !seesAll) {
         usage.blind = "not in the initial PID namespace";
+    }
     return true;
 }
 
