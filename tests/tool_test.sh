@@ -125,7 +125,12 @@ fd = os.open(sys.argv[1], os.O_RDWR); m = mmap.mmap(fd, 0); os.close(fd)
 print("holding", flush=True); time.sleep(60)' "$@"; }
 run 0 create --persistent "$n-live" 4096
 mapper "/dev/shm/$n-live" >"$held" & user=$!; waitfor "$held"
-for case in "noproc:no proc file system on /proc" "childns:not in the initial PID namespace"; do
+# The sanitizers need /proc themselves and no tracer: their builds skip the cases without /proc
+# and look for no leaks under strace.
+cases=("childns:not in the initial PID namespace") noproc=noproc
+if grep -qa __asan_init "$tool"; then echo "skipped the cases without /proc: a sanitizer build"; noproc=
+else cases+=("noproc:no proc file system on /proc"); fi
+for case in "${cases[@]}"; do
     runin 0 "${case%%:*}" prune --yes --posix; lacks "$out" "removed"
     has "$err" "^spf-shm: cannot see every process \(${case#*:}\): POSIX objects"
     runin 0 "${case%%:*}" show "$n-live"; has "$out" "^state: unknown$"
@@ -137,14 +142,15 @@ kill "$user"; wait "$user" 2>/dev/null
 # up that second look is kept.
 if command -v strace >/dev/null; then
     : >"$held"; mapper "/dev/shm/$n-live" wait >"$held" & user=$!; waitfor "$held"
-    strace -o "$out.trace" -e trace=statfs -e inject=statfs:delay_enter=2000000:when=2 \
+    ASAN_OPTIONS=${ASAN_OPTIONS:+$ASAN_OPTIONS:}detect_leaks=0 strace -o "$out.trace" \
+        -e trace=statfs -e inject=statfs:delay_enter=2000000:when=2 \
         "$tool" prune --yes --posix --sees-all --name "$n-live" >"$out" 2>"$err" & pruner=$!
     for _ in $(seq 200); do [ "$(grep -sc ^statfs "$out.trace")" = 2 ] && break; sleep 0.05; done
     kill -USR1 "$user"; wait "$pruner" || fail "a prune that kept an object exited $?"
     has "$err" "^spf-shm: kept /$n-live: it is in use now$"
     kill "$user"; wait "$user" 2>/dev/null; rm -f "$out.trace"
 else echo "skipped the prune race: no strace"; fi
-for args in list "show --id 0"; do
+for args in ${noproc:+list "show --id 0"}; do
     runin 1 noproc $args; has "$err" "^spf-shm: cannot read /proc/sysvipc/shm \("
 done
 
