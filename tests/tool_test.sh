@@ -73,9 +73,9 @@ done
 run 0 list -n -r -o NAME,size,ALLOC --name "$n-1*"; has "$out" "^/$n-10k 10K 0B$"; has "$out" "^/$n-1m 1024K 0B$"
 run 0 list -nrb -o SIZE --name "$n-10k"; has "$out" "^10239$"
 run 0 list -o +CPID,COMMAND; has "$out" " ALLOC +USERS +STATE +AGE +CPID +COMMAND$"
-run 3 orphans --check --posix --name "$n-*"
+run 3 orphans --check --sees-all --posix --name "$n-*"
 run 0 remove --name-hex "$hex"; has "$out" "^removed /$n-$esc \(POSIX\)$"; safe "$out"
-rm "/dev/shm/$n-10k" "/dev/shm/$n-1m"; run 0 orphans --check --posix --name "$n-*"
+rm "/dev/shm/$n-10k" "/dev/shm/$n-1m"; run 0 orphans --check --sees-all --posix --name "$n-*"
 unshare --mount sh -c 'mount -t tmpfs -o size=64k tmpfs /dev/shm && truncate -s 1M /dev/shm/x && "$0" list' "$tool" >"$out" 2>"$err"
 has "$out" "^posix +/x .* 1M +0B "; has "$err" "these segments can fault their users"
 
@@ -121,18 +121,92 @@ for b in --posix --sysv; do
     waitfor "$held"; waitfor "$out"
     kill -KILL "$victim"; wait "$victim" 2>/dev/null
     if [ -n "$o" ]; then dead=$(key "$n-dead") live=$(key "$n-held"); else dead=/$n-dead live=/$n-held; fi
-    run 0 orphans $b --bytes; has "$out" "^${b#--} +$dead .* 4096 +0 +0 +orphan "; lacks "$out" "$live"
+    run 0 orphans $b --bytes --sees-all; has "$out" "^${b#--} +$dead .* 4096 +0 +0 +orphan "; lacks "$out" "$live"
     run 0 list $b; has "$out" "^${b#--} +$live .* in-use "
-    run 0 prune $b --name "$n-dead"; has "$out" "$dead"; has "$err" "1 orphan\(s\) would be removed"
+    run 0 prune $b --name "$n-dead" --sees-all; has "$out" "$dead"; has "$err" "1 orphan\(s\) would be removed"
     run 0 show $o "$n-dead"
     run 0 prune $b --yes --name "$n-held"; lacks "$out" "removed"
-    run 0 prune $b --yes --name "$n-dead"; has "$out" "^removed $dead"
+    run 0 prune $b --yes --name "$n-dead" --sees-all; has "$out" "^removed $dead"
     run 1 show $o "$n-dead"
     run 0 create-or-find $o "$n-dead" 4096; has "$out" "^role: creator$"
     # An interrupted creator still cleans up.
     kill -TERM "$holder"; wait "$holder" || fail "the holder exited $? after SIGTERM"
     run 1 show $o "$n-held"
 done
+
+# Nothing in use is removed where the tool cannot see every process: without /proc, and in a
+# PID namespace of its own that shares /dev/shm, a mapped object without descriptors is kept.
+noproc() { unshare --mount sh -c 'mount -t tmpfs none /proc && exec "$0" "$@"' "$@"; }
+childns() { unshare --pid --fork --mount-proc "$@"; }
+nobody() { setpriv --reuid=65534 --regid=65534 --clear-groups "$@"; }
+# runin EXPECTED_CODE WRAPPER ARGS...: as run, with the tool started through WRAPPER.
+runin() {
+    local expected=$1 wrap=$2; shift 2
+    "$wrap" "$tool" "$@" >"$out" 2>"$err"; local code=$?
+    [ "$code" -eq "$expected" ] || fail "$wrap spf-shm $* exited $code, expected $expected"
+}
+# mapper OBJECT [wait] &: maps OBJECT and closes its descriptor; with wait, only after SIGUSR1.
+mapper() { exec python3 -c 'import mmap, os, signal, sys, time
+if sys.argv[2:]: signal.signal(signal.SIGUSR1, lambda *_: None); print("holding", flush=True); signal.pause()
+fd = os.open(sys.argv[1], os.O_RDWR); m = mmap.mmap(fd, 0); os.close(fd)
+print("holding", flush=True); time.sleep(60)' "$@"; }
+run 0 create --persistent "$n-live" 4096
+mapper "/dev/shm/$n-live" >"$held" & user=$!; waitfor "$held"
+# The sanitizers need /proc themselves and no tracer: their builds skip the cases without /proc
+# and look for no leaks under strace.
+cases=("childns:not in the initial PID namespace") noproc=noproc
+if grep -qa __asan_init "$tool"; then echo "skipped the cases without /proc: a sanitizer build"; noproc=
+else cases+=("noproc:no proc file system on /proc"); fi
+for case in "${cases[@]}"; do
+    runin 0 "${case%%:*}" prune --yes --posix; lacks "$out" "removed"
+    has "$err" "^spf-shm: cannot see every process \(${case#*:}\): POSIX objects"
+    runin 0 "${case%%:*}" show "$n-live"; has "$out" "^state: unknown$"
+done
+runin 0 childns show --sees-all "$n-live"; has "$out" "^state: orphan$"
+run 0 show "$n-live"; has "$out" "^state: in-use$"
+kill "$user"; wait "$user" 2>/dev/null
+# Prune looks at the users again just before each removal: an object mapped while strace holds
+# up that second look is kept.
+if command -v strace >/dev/null; then
+    : >"$held"; mapper "/dev/shm/$n-live" wait >"$held" & user=$!; waitfor "$held"
+    ASAN_OPTIONS=${ASAN_OPTIONS:+$ASAN_OPTIONS:}detect_leaks=0 strace -o "$out.trace" \
+        -e trace=statfs -e inject=statfs:delay_enter=2000000:when=2 \
+        "$tool" prune --yes --posix --sees-all --name "$n-live" >"$out" 2>"$err" & pruner=$!
+    for _ in $(seq 200); do [ "$(grep -sc ^statfs "$out.trace")" = 2 ] && break; sleep 0.05; done
+    kill -USR1 "$user"; wait "$pruner" || fail "a prune that kept an object exited $?"
+    has "$err" "^spf-shm: kept /$n-live: it is in use now$"
+    kill "$user"; wait "$user" 2>/dev/null; rm -f "$out.trace"
+else echo "skipped the prune race: no strace"; fi
+for args in ${noproc:+list "show --id 0"}; do
+    runin 1 noproc $args; has "$err" "^spf-shm: cannot read /proc/sysvipc/shm \("
+done
+
+# A key must name one segment: key 0 is every private segment's.
+python3 -c 'import ctypes; shmget = ctypes.CDLL(None).shmget; shmget(0, 64, 0o1600); shmget(0, 64, 0o1600)'
+run 1 remove --key 0x0; has "$err" "^spf-shm: illegal key \(0\)"
+run 0 show --key 0; [ "$(grep -c '^id: ' "$out")" = 2 ] || fail "remove --key 0 removed something"
+for id in $(sed -n 's/^id: //p' "$out"); do run 0 remove --id "$id"; done
+# A refused removal fails the prune.
+id=$(ipcmk -M 64 -p 600 | awk '{ print $NF }')
+runin 1 nobody prune --sysv --yes; has "$err" "^spf-shm: kept 0x[0-9a-f]{8} \(id $id\): Permission denied"
+run 0 remove --id "$id"
+# The creator's pid, taken by a process started later, does not keep its segment idle.
+childns sh -c 'ipcmk -M 64 >"$1"; sleep 2; echo 1 >/proc/sys/kernel/ns_last_pid; sleep 60 &
+    exec "$0" show --id "$(awk "{ print \$NF }" "$1")"' "$tool" "$held" >"$out" 2>"$err"
+has "$out" "^creator pid: 2$"; has "$out" "^state: orphan$"
+run 0 remove --id "$(awk '{ print $NF }' "$held")"
+
+# A closed terminal ends --hold as an interrupt does; a System V open says its key and id.
+for o in "" --sysv; do
+    "$tool" create $o "$n-hup" 4096 --hold 60 >"$held" 2>&1 & holder=$!
+    waitfor "$held"; [ -z "$o" ] || has "$held" "^id: [0-9]+$"
+    kill -HUP "$holder"; wait "$holder" || fail "the holder exited $? after SIGHUP"
+    run 1 show $o "$n-hup"
+done
+# find opens only what its creator has sized.
+: > "/dev/shm/$n-empty"
+run 1 find "$n-empty" 4096; has "$err" "^spf-shm: /$n-empty has 0 bytes"
+[ "$(stat -c %s "/dev/shm/$n-empty")" = 0 ] || fail "find sized an empty object"
 
 [ "$failures" -eq 0 ] && echo "all tool checks passed"
 exit $((failures > 0))

@@ -37,6 +37,8 @@ const char kHelp[] =
     "  remove [-S] [-d [-t GROUP]] (NAME | --name-hex HEX)\n"
     "  remove (-k KEY | -i ID)          remove one segment, in use or not\n"
     "  prune [FILTERS] [-y] [OUTPUT]    list the matching orphans; with -y, remove them\n"
+    "  --sees-all (list, orphans, show, prune): this PID namespace sees every process\n"
+    "      that uses /dev/shm, so a POSIX object no process here uses is an orphan\n"
     "\n"
     "FILTERS: -S/--sysv | -P/--posix, -u/--owner USER, --name PATTERN, -k/--key KEY,\n"
     "         --older-than DURATION\n"

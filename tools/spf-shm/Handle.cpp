@@ -1,6 +1,7 @@
 // The commands that open a segment through the library's handle, as an application does.
 // The library's records go to stderr: teardown failures (a removal that did not happen) are
 // only logged.
+#include <pwd.h>
 #include <signal.h>
 
 #include <boost/core/null_deleter.hpp>
@@ -32,12 +33,14 @@ volatile sig_atomic_t stopRequested = 0;
 
 void requestStop(int) { stopRequested = 1; }
 
-// Set before the segment is opened, so that a signal at any point still lets the teardown run.
+// Set before the segment is opened, so that a signal at any point still lets the teardown run:
+// a closed terminal (SIGHUP) or a reader gone (SIGPIPE) as well as an operator's interrupt.
 void catchStopSignals() {
     struct sigaction action {};
     action.sa_handler = requestStop;
-    ::sigaction(SIGINT, &action, nullptr);
-    ::sigaction(SIGTERM, &action, nullptr);
+    for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM})
+        ::sigaction(signal, &action, nullptr);
+    ::signal(SIGPIPE, SIG_IGN);
 }
 
 void hold(unsigned long seconds) {
@@ -50,17 +53,29 @@ void hold(unsigned long seconds) {
 
 std::string orNone(const std::string& text) { return text.empty() ? "(none)" : text; }
 
-// The size the system gives the segment now; 0 when there is none.
-unsigned long long sizeInSystem(const std::string& name, bool sysv) {
-    if (!sysv) {
-        Segment object;
-        return posixObject(name, object) ? object.size : 0;
-    }
+// The segment as the system shows it now; false when there is none or it cannot be seen.
+bool inSystem(const std::string& name, bool sysv, Segment& out) {
+    if (!sysv) return posixObject(name, out);
     const std::int32_t key = sm::deriveSystemVKey(name);
-    for (const Segment& segment : sysvSegments()) {
-        if (segment.key == key && !segment.markedForRemoval) return segment.size;
+    try {
+        for (const Segment& segment : sysvSegments()) {
+            if (segment.key == key && !segment.markedForRemoval) return out = segment, true;
+        }
+    } catch (const Failure&) {
     }
-    return 0;
+    return false;
+}
+
+// The library names an owner only when the owner class has rwx; say who owns it all the same.
+std::string ownerLine(const SharedMemory& segment, const Segment& shown, bool seen) {
+    const std::string owner = segment.getOwner();
+    if (!owner.empty() || !seen) return orNone(owner);
+    const passwd* entry = ::getpwuid(shown.uid);
+    char mode[8];
+    std::snprintf(mode, sizeof mode, "%04o", shown.mode);
+    return "(none: " +
+           (entry != nullptr ? std::string(entry->pw_name) : std::to_string(shown.uid)) +
+           " owns it, but mode " + mode + " lacks rwx for the owner)";
 }
 
 }  // namespace
@@ -83,7 +98,16 @@ int open(const Arguments& arguments) {
     const std::string trustee = arguments.trustee.value_or("");
     const auto spec = arguments.sysv ? SharedMemory::SysV : SharedMemory::Posix;
     const char* backEnd = arguments.sysv ? "System V" : "POSIX";
-    if (arguments.hold > 0) catchStopSignals();
+    catchStopSignals();
+    Segment shown;
+    // The library's finder would size an object that is still empty; looking for one must not.
+    if (arguments.command == "find" && !arguments.sysv) {
+        if (!posixObject(name, shown)) throw Failure{"no segment /" + escapedName(name)};
+        if (shown.size == 0) {
+            throw Failure{"/" + escapedName(name) +
+                          " has 0 bytes: its creator has not sized it yet, and find does not"};
+        }
+    }
     const auto construct = [&] {
         if (arguments.command == "create-or-find") return SharedMemory(name, size, trustee, spec);
         return SharedMemory(name, size, arguments.command == "create", trustee, spec);
@@ -93,7 +117,7 @@ int open(const Arguments& arguments) {
         segment.emplace(construct());
     } catch (const std::runtime_error& error) {
         // The library's text does not say which sizes disagree; the system does.
-        const unsigned long long existing = sizeInSystem(name, arguments.sysv);
+        const unsigned long long existing = inSystem(name, arguments.sysv, shown) ? shown.size : 0;
         if (existing != 0 && existing < size) {
             throw Failure{"size mismatch: /" + escapedName(name) + " has " +
                           std::to_string(existing) + " bytes, " + std::to_string(size) +
@@ -108,11 +132,23 @@ int open(const Arguments& arguments) {
                       (trustee.empty() ? "" : " that trusts group " + escapedName(trustee))};
     }
     if (arguments.persistent) segment->makePersistent();
-    std::printf("segment: /%s (%s)\nrole: %s\nowner: %s\ntrustee: %s\nsize: %lu\npersistent: %s\n",
-                escapedName(name).c_str(), backEnd, segment->isCreator() ? "creator" : "finder",
-                orNone(segment->getOwner()).c_str(),
-                escapedName(orNone(segment->getTrustee())).c_str(), size,
-                arguments.persistent || !segment->isCreator() ? "yes" : "no");
+    const bool seen = inSystem(name, arguments.sysv, shown);
+    std::printf("segment: /%s (%s)\n", escapedName(name).c_str(), backEnd);
+    if (arguments.sysv) {
+        std::printf("key: 0x%08x\n", static_cast<unsigned>(sm::deriveSystemVKey(name)));
+        if (seen) std::printf("id: %d\n", shown.id);
+    }
+    // Whether this command leaves the segment behind; a finder never removes it, so whether it
+    // outlives its creator is the creator's choice.
+    const char* persistent = !segment->isCreator()
+                                 ? "left to its creator (a finder never removes it)"
+                             : arguments.persistent ? "yes"
+                                                    : "no";
+    std::printf("role: %s\nowner: %s\ntrustee: %s\nsize: %lu\npersistent: %s\n",
+                segment->isCreator() ? "creator" : "finder",
+                escapedName(ownerLine(*segment, shown, seen)).c_str(),
+                escapedName(orNone(segment->getTrustee())).c_str(),
+                size, persistent);
     if (arguments.hold > 0) hold(arguments.hold);
     return 0;
 }

@@ -7,7 +7,9 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 
@@ -74,24 +76,51 @@ bool removeFromSystem(const Segment& segment, std::string& why) {
     return false;
 }
 
-// Checked again just before removal: the orphan must still be the object or segment that was
-// judged, and still unattached.
-bool stillOrphan(const Segment& segment, std::string& why) {
+enum class Recheck { kOrphan, kKept, kFailed };
+
+constexpr std::chrono::milliseconds kFreshFor{10};
+
+// Just before a removal: the orphan must still be the object or segment that was judged, and
+// `fresh`, a look at the processes taken after it was judged, must find no user. That look is
+// taken before the comparison of inodes, so that an object replaced since fails it.
+Recheck recheck(const Segment& segment, const Usage& fresh, std::string& why) {
     if (!segment.sysv) {
         Segment now;
-        if (posixObject(segment.name, now) && now.inode == segment.inode) return true;
-        why = "it changed since it was looked at";
-        return false;
+        if (!posixObject(segment.name, now) || now.inode != segment.inode) {
+            why = "it changed since it was looked at";
+            return Recheck::kKept;
+        }
+        const std::string judged = state(segment, fresh);
+        if (judged == "orphan") return Recheck::kOrphan;
+        why = judged == "in-use" ? "it is in use now" : "its users cannot be seen now";
+        return Recheck::kKept;
     }
     shmid_ds status{};
     if (::shmctl(segment.id, IPC_STAT, &status) != 0) {
-        why = std::strerror(errno);
-        return false;
+        const bool gone = errno == EINVAL || errno == EIDRM;
+        why = gone ? "it is gone" : std::strerror(errno);
+        return gone ? Recheck::kKept : Recheck::kFailed;
     }
-    if (status.shm_perm.__key == segment.key && status.shm_nattch == 0) return true;
-    why = "it is in use now";
-    return false;
+    if (status.shm_perm.__key != segment.key || (status.shm_perm.mode & SHM_DEST) != 0) {
+        why = "it changed since it was looked at";
+        return Recheck::kKept;
+    }
+    if (status.shm_nattch == 0 && status.shm_lpid == segment.lastPid) return Recheck::kOrphan;
+    why = "it was used since it was looked at";
+    return Recheck::kKept;
 }
+
+// Why POSIX objects in no seen use are "unknown", said once before they are listed.
+void warnIfBlind(const Usage& usage, bool posixUnknown) {
+    if (!posixUnknown) return;
+    std::fflush(stdout);
+    std::fprintf(stderr,
+                 "spf-shm: cannot see every process (%s): POSIX objects that no process here "
+                 "uses are unknown\n",
+                 usage.blind.c_str());
+}
+
+bool posixUnknown(const Row& row) { return !row.segment.sysv && row.state == "unknown"; }
 
 bool matches(const Segment& segment, const Arguments& arguments) {
     if (arguments.owner && segment.uid != *arguments.owner) return false;
@@ -130,11 +159,12 @@ void warnIfUnbacked(unsigned long long unbacked) {
 }  // namespace
 
 int list(const Arguments& arguments) {
-    const Usage usage = scanProcesses();
+    std::vector<Segment> all = segments(arguments);
+    const Usage usage = scanProcesses(arguments.seesAll);
     std::vector<Row> rows;
     std::size_t unknown = 0, orphans = 0;
     unsigned long long unbacked = 0;
-    std::vector<Segment> all = segments(arguments);
+    bool blind = false;
     rows.reserve(all.size());
     for (Segment& segment : all) {
         if (!segment.sysv) unbacked += unallocated(segment);
@@ -142,38 +172,52 @@ int list(const Arguments& arguments) {
         Row row = makeRow(std::move(segment), usage);
         unknown += row.state == "unknown";
         orphans += row.state == "orphan";
+        blind = blind || posixUnknown(row);
         if (!arguments.orphans || row.state == "orphan") rows.push_back(std::move(row));
     }
     std::vector<Segment>().swap(all);  // its memory serves the table: fewer pages to fault in
+    warnIfBlind(usage, blind);
     print(rows, arguments);
     warnIfUnbacked(unbacked);
     if (arguments.orphans && unknown > 0) {
         std::fflush(stdout);
         std::fprintf(stderr,
-                     "spf-shm: %zu more segment(s) may be orphans; state unknown, since %zu "
-                     "process(es) could not be read\n",
-                     unknown, usage.unreadable);
+                     "spf-shm: %zu more segment(s) may be orphans; their state is unknown\n",
+                     unknown);
     }
     return arguments.check && orphans > 0 ? 3 : 0;
 }
 
 int show(const Arguments& arguments) {
     const std::vector<Segment> found = addressed(arguments);
-    const Usage usage = scanProcesses();
+    const Usage usage = scanProcesses(arguments.seesAll);
     std::vector<Row> rows;
     for (const Segment& segment : found) rows.push_back(makeRow(segment, usage));
+    warnIfBlind(usage, std::any_of(rows.begin(), rows.end(), posixUnknown));
     print(rows, arguments);
     return 0;
 }
 
 int remove(const Arguments& arguments) {
+    // Key 0 is every private segment's and every removed one's: a key must name one segment.
+    if (arguments.key && *arguments.key == 0)
+        throw Failure{"illegal key (0): private and removed segments share it; use --id"};
+    const std::vector<Segment> found = addressed(arguments);
+    if (arguments.key && found.size() > 1) {
+        char text[96];
+        std::snprintf(text, sizeof text, "key 0x%08x names %zu segments; use --id",
+                      static_cast<unsigned>(*arguments.key), found.size());
+        throw Failure{text};
+    }
     std::string why;
-    for (const Segment& segment : addressed(arguments)) {
+    for (const Segment& segment : found) {
         if (!removeFromSystem(segment, why))
             throw Failure{"cannot remove " + label(segment) + ": " + why};
         unsigned long attached = 0;
-        for (const Segment& left : sysvSegments())
-            attached += segment.sysv && left.id == segment.id ? left.attached : 0;
+        if (segment.sysv) {
+            for (const Segment& left : sysvSegments())
+                attached += left.id == segment.id ? left.attached : 0;
+        }
         std::printf("removed %s (%s)", label(segment).c_str(), segment.sysv ? "System V" : "POSIX");
         if (attached > 0)
             std::printf("; it disappears when its %lu remaining users detach", attached);
@@ -183,12 +227,17 @@ int remove(const Arguments& arguments) {
 }
 
 int prune(const Arguments& arguments) {
-    const Usage usage = scanProcesses();
+    const std::vector<Segment> all = segments(arguments);
+    const Usage usage = scanProcesses(arguments.seesAll);
     std::vector<Row> rows;
-    for (const Segment& segment : segments(arguments)) {
+    bool blind = false;
+    for (const Segment& segment : all) {
+        if (!matches(segment, arguments)) continue;
         Row row = makeRow(segment, usage);
-        if (row.state == "orphan" && matches(segment, arguments)) rows.push_back(std::move(row));
+        blind = blind || posixUnknown(row);
+        if (row.state == "orphan") rows.push_back(std::move(row));
     }
+    warnIfBlind(usage, blind);
     if (!arguments.yes) {
         print(rows, arguments);
         std::fflush(stdout);
@@ -197,15 +246,23 @@ int prune(const Arguments& arguments) {
         return 0;
     }
     int status = 0;
+    // A look at every process lasts longer than dozens of removals, and one per orphan would
+    // take minutes for thousands: the users are looked at again once the last look is 10 ms old.
+    Usage fresh;
+    std::chrono::steady_clock::time_point looked{};
     for (Row& row : rows) {
         std::string why;
         const Segment& segment = row.segment;
-        // A segment taken into use meanwhile is kept, which is no failure; a refused removal is.
-        const bool orphan = stillOrphan(segment, why);
-        row.removed = orphan && removeFromSystem(segment, why);
+        if (!segment.sysv && std::chrono::steady_clock::now() - looked > kFreshFor) {
+            fresh = scanProcesses(arguments.seesAll);
+            looked = std::chrono::steady_clock::now();
+        }
+        // One taken into use meanwhile is kept, which is no failure; a refused removal is.
+        const Recheck check = recheck(segment, fresh, why);
+        row.removed = check == Recheck::kOrphan && removeFromSystem(segment, why);
         if (!*row.removed) {
             std::fprintf(stderr, "spf-shm: kept %s: %s\n", label(segment).c_str(), why.c_str());
-            if (orphan) status = 1;
+            if (check != Recheck::kKept) status = 1;
         } else {
             std::fprintf(arguments.json ? stderr : stdout, "removed %s (%s)\n",
                          label(segment).c_str(), segment.sysv ? "System V" : "POSIX");

@@ -6,8 +6,11 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 
+#include "Arguments.hpp"
 #include "System.hpp"
 
 namespace spfshm {
@@ -60,7 +63,10 @@ bool posixObject(const std::string& name, Segment& out) {
 std::vector<Segment> sysvSegments() {
     std::vector<Segment> segments;
     FILE* table = std::fopen("/proc/sysvipc/shm", "re");
-    if (table == nullptr) return segments;
+    if (table == nullptr) {
+        throw Failure{std::string("cannot read /proc/sysvipc/shm (") + std::strerror(errno) +
+                      "): System V segments are not visible here"};
+    }
     char line[512];
     bool header = true;
     while (std::fgets(line, sizeof line, table) != nullptr) {
@@ -85,6 +91,8 @@ std::vector<Segment> sysvSegments() {
         segment.uid = uid, segment.gid = gid, segment.creatorUid = cuid, segment.creatorGid = cgid;
         segment.changed = static_cast<std::time_t>(std::max({atime, dtime, ctime}));
         segment.allocated = resident + swapped;
+        segment.created = static_cast<std::time_t>(ctime);
+        segment.lastUsed = static_cast<std::time_t>(std::max(atime, dtime));
         segments.push_back(segment);
     }
     std::fclose(table);

@@ -135,6 +135,7 @@ std::string quotedJson(const std::string& text) {
     return out + "\"";
 }
 
+
 template <typename Entry, typename Id, typename Lookup>
 std::string databaseName(Id id, Lookup lookup, char* Entry::*field) {
     static std::map<Id, std::string> known;

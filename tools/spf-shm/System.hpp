@@ -9,7 +9,6 @@
 #include <ctime>
 #include <string>
 #include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
 namespace spfshm {
@@ -30,6 +29,8 @@ struct Segment {
     unsigned long attached = 0;         // System V attach count
     bool markedForRemoval = false;      // System V: removed, waiting for its last detach
     std::time_t changed = 0;            // the latest attach, access or change time kept
+    std::time_t created = 0;            // System V: creation or latest IPC_SET
+    std::time_t lastUsed = 0;           // System V: the latest attach or detach
     dev_t device = 0;                   // POSIX: the object's file
     ino_t inode = 0;
 };
@@ -38,22 +39,28 @@ struct Segment {
 std::vector<Segment> posixObjects();
 // One regular file in /dev/shm; false when there is none of that name.
 bool posixObject(const std::string& name, Segment& out);
-// The kernel's System V table (/proc/sysvipc/shm), in its order.
+// The kernel's System V table (/proc/sysvipc/shm), in its order. Throws Failure when the table
+// cannot be read: an empty table would claim that there are no segments.
 std::vector<Segment> sysvSegments();
 
 // Which processes use which segment, from one pass over /proc.
 struct Usage {
     std::unordered_map<ino_t, std::vector<pid_t>> posix;  // inode on the /dev/shm file system
     std::unordered_map<int, std::vector<pid_t>> sysv;     // System V id
-    std::unordered_set<pid_t> alive;                      // every live process (no zombies)
-    std::size_t unreadable = 0;    // processes whose descriptors or maps could not be read
-    bool everyProcessSeen = true;  // false: /proc hides other users' processes
+    std::unordered_map<pid_t, std::time_t> alive;  // every live process (no zombies): its start
+    std::vector<pid_t> unreadable;  // processes whose descriptors or maps could not be read
+    bool everyProcessSeen = true;   // false: /proc is missing or hides some; `alive` is partial
+    // Why a process that uses a POSIX object may not have been seen (no /proc, hidepid, another
+    // PID namespace, unreadable processes); empty when every one was.
+    std::string blind;
 };
-Usage scanProcesses();
+// `seesAll`: the operator's word that this PID namespace holds every user of /dev/shm.
+Usage scanProcesses(bool seesAll = false);
 
 // How a segment is used: "in-use", "idle" (System V: nothing attached, but its creator or last
-// user lives), "orphan" (nothing uses it), "unknown" (what would tell was not readable),
-// "removing" (System V: removed, still attached).
+// user lives, and started before it used the segment), "orphan" (nothing uses it), "unknown"
+// (what would tell was not readable, see Usage::blind), "removing" (System V: removed, still
+// attached).
 std::string state(const Segment& segment, const Usage& usage);
 const std::vector<pid_t>& users(const Segment& segment, const Usage& usage);
 
