@@ -78,6 +78,8 @@ run 0 remove --name-hex "$hex"; has "$out" "^removed /$n-$esc \(POSIX\)$"; safe 
 rm "/dev/shm/$n-10k" "/dev/shm/$n-1m"; run 0 orphans --check --sees-all --posix --name "$n-*"
 unshare --mount sh -c 'mount -t tmpfs -o size=64k tmpfs /dev/shm && truncate -s 1M /dev/shm/x && "$0" list' "$tool" >"$out" 2>"$err"
 has "$out" "^posix +/x .* 1M +0B "; has "$err" "these segments can fault their users"
+unshare --mount sh -c 'mount -t tmpfs -o size=64k tmpfs /dev/shm && ! "$0" create -p --reserve big 1048576 2>&1 && "$0" create -p --reserve x 16384 >/dev/null && "$0" list -nrb -o NAME,ALLOC' "$tool" >"$out" 2>"$err"
+has "$out" "reserve:posix_fallocate/big:error=28$"; has "$out" "^/x 16384$"; lacks "$out" "^/big"
 
 # Both back ends: a size mismatch names both sizes; the kernel's view of a persistent segment.
 for b in --posix --sysv; do

@@ -32,8 +32,9 @@ const char kHelp[] =
     "  name [-S] NAME [TRUSTEE]         the name (-S: key) the library derives\n"
     "\n"
     "Changing:\n"
-    "  create|find|create-or-find [-S] [-t GROUP] [-d] [-p] [--hold SECONDS] NAME SIZE\n"
-    "      open the segment through the library; SIGINT/SIGTERM end --hold and clean up\n"
+    "  create|find|create-or-find [-S] [-t GROUP] [-d] [-p] [--reserve] [--hold SECONDS]\n"
+    "      NAME SIZE  open the segment through the library (--reserve: back every byte now);\n"
+    "      SIGINT/SIGTERM end --hold and clean up\n"
     "  remove [-S] [-d [-t GROUP]] (NAME | --name-hex HEX)\n"
     "  remove (-k KEY | -i ID)          remove one segment, in use or not\n"
     "  prune [FILTERS] [-y] [OUTPUT]    list the matching orphans; with -y, remove them\n"
@@ -60,7 +61,7 @@ enum Command : unsigned {
     kName = 1, kOpen = 2, kShow = 4, kList = 8, kPrune = 16, kRemove = 32, kAll = 63
 };
 enum LongOnly : int {
-    kOrphans = 256, kNamePattern, kOlderThan, kHold, kOutputAll, kNameHex, kCheck, kSeesAll
+    kOrphans = 256, kNamePattern, kOlderThan, kHold, kOutputAll, kNameHex, kCheck, kSeesAll, kReserve
 };
 // clang-format on
 
@@ -78,6 +79,7 @@ const Option kOptions[] = {
     {"derive", no_argument, 'd', kOpen | kShow | kRemove},
     {"persistent", no_argument, 'p', kOpen},
     {"hold", required_argument, kHold, kOpen},
+    {"reserve", no_argument, kReserve, kOpen},
     {"key", required_argument, 'k', kShow | kRemove | kList | kPrune},
     {"id", required_argument, 'i', kShow | kRemove},
     {"orphans", no_argument, kOrphans, kList},
@@ -205,6 +207,7 @@ void setOption(Arguments& arguments, int id, const std::string& value) {
         case kNameHex: arguments.operands.push_back(parseHex(value)); break;
         case kCheck: arguments.check = true; break;
         case kSeesAll: arguments.seesAll = true; break;
+        case kReserve: arguments.reserve = true; break;
         case 'h': arguments.help = true; break;
         case 'V': arguments.version = true; break;
     }

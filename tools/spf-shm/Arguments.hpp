@@ -26,7 +26,7 @@ struct Arguments {
     std::vector<std::string> operands;
     bool sysv = false, posix = false;  // a back end chosen or, for listings, a filter
     std::optional<std::string> trustee;
-    bool derive = false, persistent = false;
+    bool derive = false, persistent = false, reserve = false;
     unsigned long hold = 0;
     std::optional<std::int32_t> key;
     std::optional<int> id;
