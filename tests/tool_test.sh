@@ -187,7 +187,7 @@ done
 python3 -c 'import ctypes; shmget = ctypes.CDLL(None).shmget; shmget(0, 64, 0o1600); shmget(0, 64, 0o1600)'
 run 1 remove --key 0x0; has "$err" "^spf-shm: illegal key \(0\)"
 run 0 show --key 0; [ "$(grep -c '^id: ' "$out")" = 2 ] || fail "remove --key 0 removed something"
-for id in $(sed -n 's/^id: //p' "$out"); do run 0 remove --id "$id"; done
+ids=$(sed -n 's/^id: /-i /p' "$out"); run 1 remove -i 2147483647 $ids; has "$err" "with id 2147483647$"; run 1 show --key 0
 # A refused removal fails the prune.
 id=$(ipcmk -M 64 -p 600 | awk '{ print $NF }')
 runin 1 nobody prune --sysv --yes; has "$err" "^spf-shm: kept 0x[0-9a-f]{8} \(id $id\): Permission denied"

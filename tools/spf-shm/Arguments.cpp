@@ -36,7 +36,7 @@ const char kHelp[] =
     "      NAME SIZE  open the segment through the library (--reserve: back every byte now);\n"
     "      SIGINT/SIGTERM end --hold and clean up\n"
     "  remove [-S] [-d [-t GROUP]] (NAME | --name-hex HEX)\n"
-    "  remove (-k KEY | -i ID)          remove one segment, in use or not\n"
+    "  remove (-k KEY | -i ID [-i ID]...)  remove segments, in use or not\n"
     "  prune [FILTERS] [-y] [OUTPUT]    list the matching orphans; with -y, remove them\n"
     "  --sees-all (list, orphans, show, prune): this PID namespace sees every process\n"
     "      that uses /dev/shm, so a POSIX object no process here uses is an orphan\n"
@@ -192,7 +192,10 @@ void setOption(Arguments& arguments, int id, const std::string& value) {
         case 'p': arguments.persistent = true; break;
         case kHold: arguments.hold = number(value, 1UL << 31, "--hold seconds"); break;
         case 'k': arguments.key = parseKey(value); break;
-        case 'i': arguments.id = static_cast<int>(number(value, INT_MAX, "--id")); break;
+        case 'i':
+            arguments.ids.push_back(static_cast<int>(number(value, INT_MAX, "--id")));
+            arguments.id = arguments.ids.front();
+            break;
         case kOrphans: arguments.orphans = true; break;
         case 'u': arguments.owner = parseOwner(value); break;
         case kNamePattern: arguments.name = value; break;
@@ -312,7 +315,9 @@ Arguments parseArguments(int argc, char** argv) {
             throw UsageError{std::string("--") + optionWithId(::optopt).name + " needs a value"};
         // A second value would silently replace the first, or add to a filter the operator
         // did not mean; either way it is refused.
-        if (optionWithId(id).hasArgument && std::count(seen.begin(), seen.end(), id) > 0)
+        // remove takes several ids, as ipcrm does; the command is checked below.
+        if (optionWithId(id).hasArgument && id != 'i' &&
+            std::count(seen.begin(), seen.end(), id) > 0)
             throw UsageError{std::string("--") + optionWithId(id).name + " given twice"};
         seen.push_back(id);
         setOption(arguments, id, ::optarg != nullptr ? ::optarg : "");
@@ -331,6 +336,7 @@ Arguments parseArguments(int argc, char** argv) {
             throw UsageError{"unknown option for " + arguments.command + ": --" +
                              optionWithId(used).name};
     }
+    if (arguments.ids.size() > 1 && command != kRemove) throw UsageError{"--id given twice"};
     if (named && words.size() > 1) throw UsageError{"--name-hex and NAME exclude each other"};
     arguments.operands.insert(arguments.operands.end(), words.begin() + 1, words.end());
     check(arguments, command);

@@ -198,7 +198,9 @@ int show(const Arguments& arguments) {
     return 0;
 }
 
-int remove(const Arguments& arguments) {
+namespace {
+
+void removeOne(const Arguments& arguments) {
     // Key 0 is every private segment's and every removed one's: a key must name one segment.
     if (arguments.key && *arguments.key == 0)
         throw Failure{"illegal key (0): private and removed segments share it; use --id"};
@@ -223,7 +225,26 @@ int remove(const Arguments& arguments) {
             std::printf("; it disappears when its %lu remaining users detach", attached);
         std::printf("\n");
     }
-    return 0;
+}
+
+}  // namespace
+
+// Each id is removed or its failure told, as ipcrm does: one that fails stops none of the rest.
+int remove(const Arguments& arguments) {
+    if (arguments.ids.size() <= 1) return removeOne(arguments), 0;
+    int status = 0;
+    for (const int id : arguments.ids) {
+        Arguments one = arguments;
+        one.id = id;
+        try {
+            removeOne(one);
+        } catch (const Failure& failure) {
+            std::fflush(stdout);
+            std::fprintf(stderr, "spf-shm: %s\n", failure.text.c_str());
+            status = 1;
+        }
+    }
+    return status;
 }
 
 int prune(const Arguments& arguments) {
