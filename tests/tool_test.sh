@@ -78,6 +78,8 @@ run 0 remove --name-hex "$hex"; has "$out" "^removed /$n-$esc \(POSIX\)$"; safe 
 rm "/dev/shm/$n-10k" "/dev/shm/$n-1m"; run 0 orphans --check --sees-all --posix --name "$n-*"
 unshare --mount sh -c 'mount -t tmpfs -o size=64k tmpfs /dev/shm && truncate -s 1M /dev/shm/x && "$0" list' "$tool" >"$out" 2>"$err"
 has "$out" "^posix +/x .* 1M +0B "; has "$err" "these segments can fault their users"
+unshare --mount sh -c 'mount -t tmpfs -o size=64k tmpfs /dev/shm && ! "$0" create -p --reserve big 1048576 2>&1 && "$0" create -p --reserve x 16384 >/dev/null && "$0" list -nrb -o NAME,ALLOC' "$tool" >"$out" 2>"$err"
+has "$out" "reserve:posix_fallocate/big:error=28$"; has "$out" "^/x 16384$"; lacks "$out" "^/big"
 
 # Both back ends: a size mismatch names both sizes; the kernel's view of a persistent segment.
 for b in --posix --sysv; do
@@ -185,7 +187,7 @@ done
 python3 -c 'import ctypes; shmget = ctypes.CDLL(None).shmget; shmget(0, 64, 0o1600); shmget(0, 64, 0o1600)'
 run 1 remove --key 0x0; has "$err" "^spf-shm: illegal key \(0\)"
 run 0 show --key 0; [ "$(grep -c '^id: ' "$out")" = 2 ] || fail "remove --key 0 removed something"
-for id in $(sed -n 's/^id: //p' "$out"); do run 0 remove --id "$id"; done
+ids=$(sed -n 's/^id: /-i /p' "$out"); run 1 remove -i 2147483647 $ids; has "$err" "with id 2147483647$"; run 1 show --key 0
 # A refused removal fails the prune.
 id=$(ipcmk -M 64 -p 600 | awk '{ print $NF }')
 runin 1 nobody prune --sysv --yes; has "$err" "^spf-shm: kept 0x[0-9a-f]{8} \(id $id\): Permission denied"

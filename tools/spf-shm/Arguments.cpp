@@ -32,10 +32,11 @@ const char kHelp[] =
     "  name [-S] NAME [TRUSTEE]         the name (-S: key) the library derives\n"
     "\n"
     "Changing:\n"
-    "  create|find|create-or-find [-S] [-t GROUP] [-d] [-p] [--hold SECONDS] NAME SIZE\n"
-    "      open the segment through the library; SIGINT/SIGTERM end --hold and clean up\n"
+    "  create|find|create-or-find [-S] [-t GROUP] [-d] [-p] [--reserve] [--hold SECONDS]\n"
+    "      NAME SIZE  open the segment through the library (--reserve: back every byte now);\n"
+    "      SIGINT/SIGTERM end --hold and clean up\n"
     "  remove [-S] [-d [-t GROUP]] (NAME | --name-hex HEX)\n"
-    "  remove (-k KEY | -i ID)          remove one segment, in use or not\n"
+    "  remove (-k KEY | -i ID [-i ID]...)  remove segments, in use or not\n"
     "  prune [FILTERS] [-y] [OUTPUT]    list the matching orphans; with -y, remove them\n"
     "  --sees-all (list, orphans, show, prune): this PID namespace sees every process\n"
     "      that uses /dev/shm, so a POSIX object no process here uses is an orphan\n"
@@ -60,7 +61,7 @@ enum Command : unsigned {
     kName = 1, kOpen = 2, kShow = 4, kList = 8, kPrune = 16, kRemove = 32, kAll = 63
 };
 enum LongOnly : int {
-    kOrphans = 256, kNamePattern, kOlderThan, kHold, kOutputAll, kNameHex, kCheck, kSeesAll
+    kOrphans = 256, kNamePattern, kOlderThan, kHold, kOutputAll, kNameHex, kCheck, kSeesAll, kReserve
 };
 // clang-format on
 
@@ -78,6 +79,7 @@ const Option kOptions[] = {
     {"derive", no_argument, 'd', kOpen | kShow | kRemove},
     {"persistent", no_argument, 'p', kOpen},
     {"hold", required_argument, kHold, kOpen},
+    {"reserve", no_argument, kReserve, kOpen},
     {"key", required_argument, 'k', kShow | kRemove | kList | kPrune},
     {"id", required_argument, 'i', kShow | kRemove},
     {"orphans", no_argument, kOrphans, kList},
@@ -190,7 +192,10 @@ void setOption(Arguments& arguments, int id, const std::string& value) {
         case 'p': arguments.persistent = true; break;
         case kHold: arguments.hold = number(value, 1UL << 31, "--hold seconds"); break;
         case 'k': arguments.key = parseKey(value); break;
-        case 'i': arguments.id = static_cast<int>(number(value, INT_MAX, "--id")); break;
+        case 'i':
+            arguments.ids.push_back(static_cast<int>(number(value, INT_MAX, "--id")));
+            arguments.id = arguments.ids.front();
+            break;
         case kOrphans: arguments.orphans = true; break;
         case 'u': arguments.owner = parseOwner(value); break;
         case kNamePattern: arguments.name = value; break;
@@ -205,6 +210,7 @@ void setOption(Arguments& arguments, int id, const std::string& value) {
         case kNameHex: arguments.operands.push_back(parseHex(value)); break;
         case kCheck: arguments.check = true; break;
         case kSeesAll: arguments.seesAll = true; break;
+        case kReserve: arguments.reserve = true; break;
         case 'h': arguments.help = true; break;
         case 'V': arguments.version = true; break;
     }
@@ -309,7 +315,9 @@ Arguments parseArguments(int argc, char** argv) {
             throw UsageError{std::string("--") + optionWithId(::optopt).name + " needs a value"};
         // A second value would silently replace the first, or add to a filter the operator
         // did not mean; either way it is refused.
-        if (optionWithId(id).hasArgument && std::count(seen.begin(), seen.end(), id) > 0)
+        // remove takes several ids, as ipcrm does; the command is checked below.
+        if (optionWithId(id).hasArgument && id != 'i' &&
+            std::count(seen.begin(), seen.end(), id) > 0)
             throw UsageError{std::string("--") + optionWithId(id).name + " given twice"};
         seen.push_back(id);
         setOption(arguments, id, ::optarg != nullptr ? ::optarg : "");
@@ -328,6 +336,7 @@ Arguments parseArguments(int argc, char** argv) {
             throw UsageError{"unknown option for " + arguments.command + ": --" +
                              optionWithId(used).name};
     }
+    if (arguments.ids.size() > 1 && command != kRemove) throw UsageError{"--id given twice"};
     if (named && words.size() > 1) throw UsageError{"--name-hex and NAME exclude each other"};
     arguments.operands.insert(arguments.operands.end(), words.begin() + 1, words.end());
     check(arguments, command);

@@ -26,10 +26,11 @@ struct Arguments {
     std::vector<std::string> operands;
     bool sysv = false, posix = false;  // a back end chosen or, for listings, a filter
     std::optional<std::string> trustee;
-    bool derive = false, persistent = false;
+    bool derive = false, persistent = false, reserve = false;
     unsigned long hold = 0;
     std::optional<std::int32_t> key;
-    std::optional<int> id;
+    std::optional<int> id;  // the first --id
+    std::vector<int> ids;   // every --id, in order: several for remove only
     std::optional<uid_t> owner;
     std::optional<std::string> name;     // the --name filter, a pattern
     std::optional<long long> olderThan;  // seconds

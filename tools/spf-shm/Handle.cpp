@@ -131,6 +131,8 @@ int open(const Arguments& arguments) {
         throw Failure{"no segment /" + escapedName(name) +
                       (trustee.empty() ? "" : " that trusts group " + escapedName(trustee))};
     }
+    // Before makePersistent: a creator whose memory could not be backed leaves nothing behind.
+    if (arguments.reserve) segment->reserve();
     if (arguments.persistent) segment->makePersistent();
     const bool seen = inSystem(name, arguments.sysv, shown);
     std::printf("segment: /%s (%s)\n", escapedName(name).c_str(), backEnd);
@@ -149,6 +151,7 @@ int open(const Arguments& arguments) {
                 escapedName(ownerLine(*segment, shown, seen)).c_str(),
                 escapedName(orNone(segment->getTrustee())).c_str(),
                 size, persistent);
+    if (arguments.reserve && seen) std::printf("allocated: %llu\n", shown.allocated);
     if (arguments.hold > 0) hold(arguments.hold);
     return 0;
 }

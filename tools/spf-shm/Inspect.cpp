@@ -11,6 +11,8 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstdint>
+#include <cstdlib>
 #include <cstring>
 
 #include "Commands.hpp"
@@ -156,9 +158,30 @@ void warnIfUnbacked(unsigned long long unbacked) {
                  humanSize(free).c_str(), humanSize(unbacked).c_str());
 }
 
+// A listing's heap grows by about a KiB a segment, first touched page by page, and a page
+// fault costs more than the page (several times more in a virtual machine): one call maps it
+// all in at once, for the heap that the listing reuses once it is freed.
+void prefaultHeap() {
+    struct statvfs objects {};
+    struct shm_info table {};
+    ::statvfs("/dev/shm", &objects);
+    const long sysvCount = ::shmctl(0, SHM_INFO, reinterpret_cast<shmid_ds*>(&table)) >= 0
+                               ? static_cast<long>(table.used_ids)
+                               : 0;
+    const std::size_t bytes = std::min<std::size_t>(
+        (objects.f_files - objects.f_ffree + static_cast<std::size_t>(sysvCount)) << 10, 64 << 20);
+    if (bytes < (256 << 10)) return;
+    void* heap = std::malloc(bytes);
+    if (heap == nullptr) return;
+    const auto page = reinterpret_cast<std::uintptr_t>(heap) & ~std::uintptr_t{4095};
+    ::madvise(reinterpret_cast<void*>(page), bytes, MADV_POPULATE_WRITE);  // a hint: may fail
+    std::free(heap);
+}
+
 }  // namespace
 
 int list(const Arguments& arguments) {
+    prefaultHeap();
     std::vector<Segment> all = segments(arguments);
     const Usage usage = scanProcesses(arguments.seesAll);
     std::vector<Row> rows;
@@ -198,7 +221,9 @@ int show(const Arguments& arguments) {
     return 0;
 }
 
-int remove(const Arguments& arguments) {
+namespace {
+
+void removeOne(const Arguments& arguments) {
     // Key 0 is every private segment's and every removed one's: a key must name one segment.
     if (arguments.key && *arguments.key == 0)
         throw Failure{"illegal key (0): private and removed segments share it; use --id"};
@@ -223,7 +248,26 @@ int remove(const Arguments& arguments) {
             std::printf("; it disappears when its %lu remaining users detach", attached);
         std::printf("\n");
     }
-    return 0;
+}
+
+}  // namespace
+
+// Each id is removed or its failure told, as ipcrm does: one that fails stops none of the rest.
+int remove(const Arguments& arguments) {
+    if (arguments.ids.size() <= 1) return removeOne(arguments), 0;
+    int status = 0;
+    for (const int id : arguments.ids) {
+        Arguments one = arguments;
+        one.id = id;
+        try {
+            removeOne(one);
+        } catch (const Failure& failure) {
+            std::fflush(stdout);
+            std::fprintf(stderr, "spf-shm: %s\n", failure.text.c_str());
+            status = 1;
+        }
+    }
+    return status;
 }
 
 int prune(const Arguments& arguments) {

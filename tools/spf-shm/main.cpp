@@ -49,6 +49,7 @@ int main(int argc, char** argv) {
     // A listing of thousands of segments grows and drops arrays of a few hundred KiB; served
     // from mmap, each would be mapped afresh and fault in page by page.
     ::mallopt(M_MMAP_THRESHOLD, 64 << 20);
+    ::mallopt(M_TRIM_THRESHOLD, 64 << 20);  // and keeps what it freed for the next
     const int status = run(argc, argv);
     // A listing that did not reach its reader (a full disk, a closed pipe) is a failure.
     if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
